@@ -1,0 +1,15 @@
+# layer(NAME [DEPENDS LAYER...] [LIBRARIES LIB...]): a folder of the source tree as one static library. Every .cpp of the
+# folder belongs to it; a folder without sources yet is an interface to the layers below it.
+function(layer name)
+  cmake_parse_arguments(arg "" "" "DEPENDS;LIBRARIES" ${ARGN})
+  file(GLOB_RECURSE sources CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/${name}/*.cpp)
+  if(sources)
+    add_library(${name} STATIC ${sources})
+    set(scope PUBLIC)
+  else()
+    add_library(${name} INTERFACE)
+    set(scope INTERFACE)
+  endif()
+  target_include_directories(${name} ${scope} ${PROJECT_SOURCE_DIR})
+  target_link_libraries(${name} ${scope} ${arg_DEPENDS} fmt::fmt ${arg_LIBRARIES})
+endfunction()

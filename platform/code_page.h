@@ -1,0 +1,26 @@
+// Conversions between UTF-8 text, UTF-16 code units and the single-byte code page (Windows-1252).
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace quenmark::platform {
+
+// Each byte as one character of Windows-1252. The five unassigned bytes become U+0081, U+008D, U+008F, U+0090, U+009D.
+std::string FromWindows1252(std::string_view bytes);
+
+// Malformed UTF-8 becomes U+FFFD, unpaired surrogates become U+FFFD in the other direction.
+std::u16string ToUtf16(std::string_view text);
+std::string FromUtf16(std::u16string_view units);
+// Appends one code point; surrogates and values above U+10FFFF append U+FFFD.
+void AppendUtf8(std::string& text, std::uint32_t codePoint);
+// The text with every malformed sequence replaced by U+FFFD.
+std::string SanitizeUtf8(std::string_view text);
+
+// A to Z only; other bytes stay.
+std::string AsciiLower(std::string_view text);
+std::string AsciiUpper(std::string_view text);
+bool EqualsIgnoreAsciiCase(std::string_view left, std::string_view right);
+
+}  // namespace quenmark::platform
