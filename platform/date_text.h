@@ -17,8 +17,13 @@ CivilTime FromSeconds(std::int64_t seconds);
 bool IsValid(const CivilTime& time);  // year 100 to 9999, and a real date and time of day
 
 // Reads a text as the platform reads dates: yyyy-mm-dd or yyyy/mm/dd, dd/mm/yyyy, dd-Mmm-yyyy (English months), a time
-// hh:mm[:ss][ AM/PM], either or both separated by a blank. A time alone has the date 30 December 1899.
+// hh:mm[:ss][ AM/PM], either or both separated by a blank. A time alone has the date 30 December 1899. Day, month and
+// hour may have one digit, years have four.
 std::optional<CivilTime> ParseDate(std::string_view text);
+
+// A number as the platform reads dates: days since 30 December 1899, the fraction is the time of day (cut to seconds).
+// Nothing outside the years 100 to 9999.
+std::optional<CivilTime> DateFromSerial(double days);
 
 // Formats with d, dd, m, mm, mmm, yy, yyyy, h, hh, n, nn, s, ss and AM/PM, letters in either case. "m" and "mm" are
 // minutes right after an hour. "/" and ":" give the locale's separators; other characters are copied.
