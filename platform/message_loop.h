@@ -1,7 +1,8 @@
 // The message queue of one thread: hidden windows, posted messages, timers, readiness of descriptors, and the wait.
 //
-// Everything the feeder does runs in a handler that this loop calls. A blocking call anywhere waits in WaitUntil or Sleep,
-// so the handlers of everything else go on meanwhile. Not thread-safe: all calls come from the thread that made the loop.
+// Everything the feeder does runs in a handler that this loop calls. A blocking call anywhere waits in WaitUntil or
+// Sleep, so the handlers of everything else go on meanwhile. Not thread-safe: all calls come from the thread that made
+// the loop.
 #pragma once
 
 #include "platform/clock.h"
@@ -38,7 +39,7 @@ struct MessageFilter {
 
 enum class TimerKind {
   kOrdinary,
-  kMainTick,  // left in the queue by DispatchOneDuringWait
+  kMainTick,  // stays due while a MainTickPause lives, as it does during its own dispatch and DispatchOneDuringWait
 };
 
 // Readiness of a descriptor, as a set of bits.
@@ -74,21 +75,21 @@ class MessageLoop {
   std::shared_ptr<void> WindowData(WindowId window) const;
 
   // --- Messages ------------------------------------------------------------------------------------------------------
-  // Appends a message; false when the window does not exist.
+  // Appends a message; false when the window does not exist or a million messages are queued.
   bool Post(const Message& message);
   // The first queued message that the filter lets through, posted ones before due timers. Does not wait; looks at the
-  // descriptors first, so that readiness that has just arrived is seen.
+  // descriptors when no such message is queued yet, so that readiness that has just arrived is seen.
   bool Peek(Message& message, const MessageFilter& filter, bool remove);
-  // Removes every queued message of the window for which `drop` answers true.
+  // Removes every queued message of the window for which `drop` answers true. `drop` must not call the loop.
   void RemoveMessages(WindowId window, const std::function<bool(const Message&)>& drop);
-  // Hands a removed message to its window's handler.
+  // Hands a removed message to its window's handler; one of a window that is gone is dropped.
   void Dispatch(const Message& message);
-  // Dispatches one queued message of any kind except the main tick. False when there was none.
+  // Dispatches one queued message or due timer of any kind except the main tick. False when there was none.
   bool DispatchOneDuringWait();
 
   // --- Timers --------------------------------------------------------------------------------------------------------
-  // Starts or restarts a periodic timer of the window. It becomes kMessageTimer when due and nothing else is queued; a
-  // timer that came due several times is delivered once.
+  // Starts or restarts a periodic timer of the window; below 1 ms counts as 1 ms. It becomes kMessageTimer when due and
+  // nothing else is queued; a timer that came due several times is delivered once and keeps its beat.
   void SetTimer(WindowId window, std::uintptr_t timer, std::chrono::milliseconds interval,
                 TimerKind kind = TimerKind::kOrdinary);
   // Stops the timer; a delivery already due is dropped.
@@ -96,12 +97,14 @@ class MessageLoop {
 
   // --- Descriptors (platform layers only) ----------------------------------------------------------------------------
   // Handlers run while the loop looks at the descriptors, also within nested waits: they post messages or note results
-  // and must not run the owner's code.
+  // and must not run the owner's code. Error and hang-up are reported whatever the interest. 0 when the kernel refuses.
+  // A descriptor has at most one watch and is closed only after Unwatch.
   WatchId Watch(int descriptor, Readiness interest, Trigger trigger, ReadyHandler handler);
+  // Also reports anew what is ready at this moment, edge-triggered watches included.
   void ChangeWatch(WatchId watch, Readiness interest);
   void Unwatch(WatchId watch);
   // One-shot callback of a platform layer at a point of monotonic time, under the same rule as ready handlers.
-  // Setting it again replaces it. Returns the id to pass next time.
+  // Setting it again replaces it. Returns the id to pass next time; 0 or one that has run makes a new one.
   WatchId CallAt(WatchId previous, MonotonicTime when, std::function<void()> handler);
   void CancelCall(WatchId call);
 
@@ -113,14 +116,15 @@ class MessageLoop {
   bool WaitUntil(const std::function<bool()>& done, MonotonicTime deadline);
   // A prescribed sleep: dispatches messages until the time is over.
   void Sleep(std::chrono::milliseconds duration);
-  // Waits for at most that long for anything to become ready, due or queued, and dispatches nothing.
+  // Waits for at most that long for anything to become ready, due (the main tick left out) or queued, and dispatches
+  // nothing. Returns at once when something is.
   void WaitForWork(std::chrono::milliseconds limit);
   // Dispatches until Quit; a Quit before Run makes it return at once.
   void Run();
   void Quit();
 
-  // Called between messages; `aboutToWait` is true when nothing is queued, due or ready, that is, before the loop sleeps.
-  // The settings store commits here. One hook per loop.
+  // Called between messages; `aboutToWait` is true when nothing is queued, due or ready, that is, before the loop
+  // sleeps. The settings store commits here. One hook per loop; it is not called again while it runs.
   void SetTurnHook(std::function<void(bool aboutToWait)> hook);
 
   // While one of these lives, something outside the process is awaited: the loop then waits in real time even when the
@@ -136,13 +140,26 @@ class MessageLoop {
     MessageLoop& m_loop;
   };
 
+  // While one of these lives, no main tick is delivered; one that comes due meanwhile is delivered once afterwards. For
+  // a tick that is run directly.
+  class MainTickPause {
+   public:
+    explicit MainTickPause(MessageLoop& loop);
+    ~MainTickPause();
+    MainTickPause(const MainTickPause&) = delete;
+    MainTickPause& operator=(const MainTickPause&) = delete;
+
+   private:
+    MessageLoop& m_loop;
+  };
+
  private:
   struct State;
   std::unique_ptr<State> m_state;
 };
 
-// A form's timer: a tick every interval while enabled. Setting either property starts the interval anew; setting a
-// property to the value it has changes nothing.
+// A form's timer: a tick every interval while enabled and the interval is above zero. Setting either property starts
+// the interval anew; setting a property to the value it has changes nothing. The tick may destroy the timer.
 class Timer {
  public:
   Timer(MessageLoop& loop, std::chrono::milliseconds interval, std::function<void()> tick,
@@ -157,9 +174,10 @@ class Timer {
   void SetInterval(std::chrono::milliseconds interval);
 
  private:
+  void Restart();
+
   MessageLoop& m_loop;
   std::chrono::milliseconds m_interval;
-  std::function<void()> m_tick;
   TimerKind m_kind;
   bool m_enabled = false;
   WindowId m_window = 0;
