@@ -1,0 +1,64 @@
+// feeder-sim: a market simulator that speaks the providers' HTTP interfaces on this machine.
+#include "simulator/simulator.h"
+
+#include <CLI/CLI.hpp>
+
+#include <cstdint>
+#include <exception>
+#include <iostream>
+#include <string>
+#include <vector>
+
+namespace {
+
+namespace simulator = quenmark::simulator;
+
+constexpr std::int64_t kLatestClock = 4'000'000'000;  // 2096
+
+std::string CheckFault(const std::string& text) {
+  return simulator::ParseFault(text) ? std::string{} : "not KIND[@PATH][*COUNT]: " + text;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app{"Market simulator for the Quenmark feeder"};
+  simulator::SimulatorOptions options;
+  simulator::ServiceOptions& service = options.service;
+  std::string session = "open";
+  std::vector<std::string> faults;
+  app.add_option("--https-port", options.httpsPort, "port for HTTPS, 0 takes a free one");
+  app.add_option("--http-port", options.httpPort, "port for HTTP, 0 takes a free one");
+  app.add_option("--symbols", service.market.symbols, "number of symbols that trade")
+      ->check(CLI::Range(std::size_t{1}, simulator::kMaximumSymbols))
+      ->capture_default_str();
+  app.add_option("--seed", service.market.seed, "seed of the random walk")->capture_default_str();
+  app.add_option("--clock", service.market.clock, "fixed clock: seconds since 1970 UTC, one more per provider request")
+      ->check(CLI::Range(std::int64_t{0}, kLatestClock));
+  app.add_option("--session", session, "session at start")
+      ->check(CLI::IsMember({"open", "pre", "post", "closed"}))
+      ->capture_default_str();
+  app.add_option("--fault", faults,
+                 "KIND[@PATH][*COUNT]; KIND is status401, status429, status500, slow[MS], cut, html, empty or huge")
+      ->check(CheckFault)
+      ->expected(1)
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+  app.add_option("--token", service.token, "the only bearer token that is accepted");
+  app.add_option("--log", service.logFile, "file that takes one JSON line per request");
+  app.add_flag("--gzip", service.gzip, "compress answers for clients that ask for it");
+  app.add_flag("--with-parent", options.endWithParent, "end when the starting process ends");
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? 0 : 2;
+  }
+  service.market.session = *simulator::ParseSession(session);
+  for (const std::string& fault : faults) service.faults.push_back(*simulator::ParseFault(fault));
+  try {
+    simulator::RunSimulator(options, std::cout);
+  } catch (const std::exception& error) {
+    std::cerr << "feeder-sim: " << error.what() << '\n';
+    return 1;
+  }
+  return 0;
+}

@@ -1,0 +1,49 @@
+// Faults that the simulator commits on request, written KIND[@PATH][*COUNT].
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <list>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace quenmark::simulator {
+
+enum class FaultKind {
+  kStatus401,
+  kStatus429,
+  kStatus500,
+  kSlow,   // the answer comes late; "slow250" is 250 ms late, "slow" alone 3 s
+  kCut,    // the connection is dropped in the middle of the answer's body
+  kHtml,   // a maintenance page with status 200
+  kEmpty,  // status 200 and no body
+  kHuge,   // the answer followed by blanks up to 50 MB
+};
+std::string_view FaultName(FaultKind kind);
+
+struct Fault {
+  FaultKind kind;
+  std::string path;                  // requests whose target contains it are hit; empty: every one
+  std::optional<std::size_t> count;  // requests left; empty: no end
+  std::chrono::milliseconds delay{0};
+};
+
+// Nothing when the text is not a fault.
+std::optional<Fault> ParseFault(std::string_view text);
+
+class FaultList {
+ public:
+  static constexpr std::size_t kMost = 100;
+
+  // False when kMost faults are waiting already.
+  bool Add(Fault fault);
+  void Clear() { m_faults.clear(); }
+  // The earliest added fault that hits this target, counted down.
+  std::optional<Fault> Take(std::string_view target);
+
+ private:
+  std::list<Fault> m_faults;
+};
+
+}  // namespace quenmark::simulator

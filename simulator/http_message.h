@@ -1,0 +1,43 @@
+// A request as it came and an answer as it goes, free of any HTTP library.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace quenmark::simulator {
+
+using NamedTexts = std::vector<std::pair<std::string, std::string>>;
+
+struct HttpRequest {
+  std::string scheme;  // "https" or "http"
+  std::string method;
+  std::string target;  // as received, query included
+  NamedTexts headers;  // in the order received
+  std::string body;
+
+  // The part of the target before "?".
+  std::string_view Path() const;
+  // The value of the first header of that name, compared without regard to case; empty when there is none.
+  std::string_view Header(std::string_view name) const;
+};
+
+struct HttpAnswer {
+  int status = 200;
+  std::string contentType = "application/json";
+  std::string contentEncoding;  // none when empty
+  std::string body;
+  std::size_t padding = 0;  // blanks sent behind the body, counted in Content-Length
+  bool cut = false;         // the connection is dropped in the middle of the body
+};
+
+// The query of a target, names and values percent-decoded ("+" is a blank), in order.
+NamedTexts QueryOf(std::string_view target);
+// The value of the first entry of that name; empty when there is none.
+std::string_view ValueOf(const NamedTexts& texts, std::string_view name);
+
+std::string UpperCase(std::string_view text);
+
+}  // namespace quenmark::simulator

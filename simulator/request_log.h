@@ -1,0 +1,28 @@
+// The log file: one JSON object per line, written and flushed before its answer is sent.
+#pragma once
+
+#include "simulator/answer_tree.h"
+#include "simulator/http_message.h"
+
+#include <cstdint>
+#include <fstream>
+#include <string>
+#include <string_view>
+
+namespace quenmark::simulator {
+
+class RequestLog {
+ public:
+  // Appends to `file`; an empty name logs nothing. Throws std::runtime_error when the file cannot be opened.
+  explicit RequestLog(const std::string& file);
+
+  // `status` is 0 when no answer is sent; `fault` is empty when none was committed; `time` is milliseconds since 1970
+  // UTC.
+  void Request(const HttpRequest& request, int status, std::string_view fault, std::int64_t time);
+  void Write(const Node& entry);
+
+ private:
+  std::ofstream m_file;
+};
+
+}  // namespace quenmark::simulator

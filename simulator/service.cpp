@@ -1,0 +1,157 @@
+#include "simulator/service.h"
+
+#include "simulator/gzip.h"
+
+#include <charconv>
+#include <cmath>
+#include <stdexcept>
+
+namespace quenmark::simulator {
+namespace {
+
+constexpr std::size_t kHugeAnswer = 50'000'000;
+constexpr std::size_t kLeastCompressed = 256;
+constexpr std::string_view kControlBase = "/sim/";
+
+constexpr std::string_view kMaintenancePage =
+    "<!DOCTYPE html><html><head><title>Maintenance</title></head><body><h1>We will be back soon</h1></body></html>";
+
+HttpAnswer TextAnswer(int status, std::string_view type, std::string_view body) {
+  HttpAnswer answer;
+  answer.status = status;
+  answer.contentType = type;
+  answer.body = body;
+  return answer;
+}
+
+// The answer that stands in for the real one; nothing for a fault that spoils the real one.
+std::optional<HttpAnswer> Replacement(FaultKind kind) {
+  switch (kind) {
+    case FaultKind::kStatus401:
+      return FaultAnswer(401, "Invalid Access Token", "keymanagement.service.invalid_access_token");
+    case FaultKind::kStatus429:
+      return FaultAnswer(429, "Rate limit quota violation. Quota limit exceeded.", "policies.ratelimit.QuotaViolation");
+    case FaultKind::kStatus500:
+      return TextAnswer(500, "text/plain", "Internal Server Error");
+    case FaultKind::kHtml:
+      return TextAnswer(200, "text/html", kMaintenancePage);
+    case FaultKind::kEmpty:
+      return TextAnswer(200, "application/json", "");
+    case FaultKind::kSlow:
+    case FaultKind::kCut:
+    case FaultKind::kHuge:
+      break;
+  }
+  return std::nullopt;
+}
+
+std::string_view Trimmed(std::string_view text) {
+  constexpr std::string_view kBlanks = " \t\r\n";
+  const std::size_t begin = text.find_first_not_of(kBlanks);
+  if (begin == std::string_view::npos) return {};
+  return text.substr(begin, text.find_last_not_of(kBlanks) - begin + 1);
+}
+
+}  // namespace
+
+Service::Service(const ServiceOptions& options)
+    : m_market(options.market),
+      m_log(options.logFile),
+      m_tradier(m_market, m_sent, options.token),
+      m_vendor(m_market),
+      m_gzip(options.gzip) {
+  for (const Fault& fault : options.faults) {
+    if (!m_faults.Add(fault)) throw std::runtime_error("too many faults");
+  }
+}
+
+std::optional<Fault> Service::Begin(const HttpRequest& request) {
+  if (request.target.starts_with(kControlBase)) return std::nullopt;
+  return m_faults.Take(request.target);
+}
+
+HttpAnswer Service::Answer(const HttpRequest& request, const std::optional<Fault>& fault) {
+  std::optional<HttpAnswer> replacement;
+  if (fault) replacement = Replacement(fault->kind);
+  const bool whole = !fault || fault->kind == FaultKind::kSlow;
+  HttpAnswer answer = replacement ? std::move(*replacement) : Route(request, whole);
+  if (fault && fault->kind == FaultKind::kCut) answer.cut = true;
+  if (fault && fault->kind == FaultKind::kHuge && answer.body.size() < kHugeAnswer) {
+    answer.padding = kHugeAnswer - answer.body.size();
+  }
+  const bool compressible = m_gzip && answer.padding == 0 && answer.body.size() >= kLeastCompressed;
+  if (compressible && request.Header("Accept-Encoding").find("gzip") != std::string_view::npos) {
+    answer.body = Gzip(answer.body);
+    answer.contentEncoding = "gzip";
+  }
+  m_log.Request(request, answer.status, fault ? FaultName(fault->kind) : "", m_market.Now());
+  return answer;
+}
+
+void Service::Abandon(const HttpRequest& request, const std::optional<Fault>& fault) {
+  m_log.Request(request, 0, fault ? FaultName(fault->kind) : "", m_market.Now());
+}
+
+HttpAnswer Service::Route(const HttpRequest& request, bool recorded) {
+  constexpr std::string_view kLiveBase = "/v1/";
+  constexpr std::string_view kSandboxBase = "/sandbox/v1/";
+  const std::string_view path = request.Path();
+  if (path.starts_with(kControlBase)) return Control(request);
+  if (path.starts_with(kLiveBase)) return m_tradier.Answer(request, path.substr(kLiveBase.size()), false, recorded);
+  if (path.starts_with(kSandboxBase))
+    return m_tradier.Answer(request, path.substr(kSandboxBase.size()), true, recorded);
+  if (std::optional<HttpAnswer> answer = m_vendor.Answer(request)) return std::move(*answer);
+  return TextAnswer(404, "text/plain", "Not Found");
+}
+
+HttpAnswer Service::Control(const HttpRequest& request) {
+  const std::string_view path = request.Path();
+  if (request.method == "GET" && path == "/sim/state") return State();
+  const std::string text{Trimmed(request.body)};
+  bool done = false;
+  if (request.method == "POST" && path == "/sim/fault") {
+    done = ApplyFault(text);
+  } else if (request.method == "POST" && path == "/sim/session") {
+    const std::optional<Session> session = ParseSession(text);
+    if (session) m_market.SetSession(*session);
+    done = session.has_value();
+  } else if (request.method == "POST" && path == "/sim/price") {
+    done = ApplyPrice(text);
+  } else if (request.method == "POST" && path == "/sim/hold") {
+    done = text == "on" || text == "off";
+    if (done) m_market.Hold(text == "on");
+  } else {
+    return TextAnswer(404, "text/plain", "Not Found");
+  }
+  return done ? TextAnswer(200, "text/plain", "ok\n") : TextAnswer(400, "text/plain", "not understood\n");
+}
+
+HttpAnswer Service::State() {
+  Node state = Node::Object();
+  state.Add("session", Node::Text(std::string{SessionName(m_market.CurrentSession())}))
+      .Add("now", Node::Number(m_market.Now()))
+      .Add("symbols", m_sent.ToNode());
+  return TextAnswer(200, "application/json", ToJson(state));
+}
+
+bool Service::ApplyFault(const std::string& text) {
+  if (text == "none") {
+    m_faults.Clear();
+    return true;
+  }
+  std::optional<Fault> fault = ParseFault(text);
+  return fault && m_faults.Add(std::move(*fault));
+}
+
+// "SYM 12.34"
+bool Service::ApplyPrice(const std::string& text) {
+  const std::size_t blank = text.rfind(' ');
+  if (blank == std::string::npos) return false;
+  double price = 0;
+  const char* end = text.data() + text.size();
+  const auto [stop, error] = std::from_chars(text.data() + blank + 1, end, price);
+  if (error != std::errc{} || stop != end || !(price > 0) || price > 1e6) return false;
+  return m_market.SetPrice(UpperCase(Trimmed(text.substr(0, blank))), std::llround(price * 100));
+}
+
+}  // namespace quenmark::simulator

@@ -1,0 +1,39 @@
+#include "simulator/faults.h"
+
+#include <gtest/gtest.h>
+
+namespace quenmark::simulator {
+namespace {
+
+TEST(Faults, ReadsTheirText) {
+  const std::optional<Fault> fault = ParseFault("slow250@markets/quotes?x=1*3");
+  ASSERT_TRUE(fault);
+  EXPECT_EQ(fault->kind, FaultKind::kSlow);
+  EXPECT_EQ(fault->delay, std::chrono::milliseconds{250});
+  EXPECT_EQ(fault->path, "markets/quotes?x=1");
+  EXPECT_EQ(fault->count, 3U);
+  for (const char* kind : {"status401", "status429", "status500", "cut", "html", "empty", "huge"}) {
+    const std::optional<Fault> plain = ParseFault(kind);
+    ASSERT_TRUE(plain) << kind;
+    EXPECT_EQ(FaultName(plain->kind), kind);
+    EXPECT_EQ(plain->delay.count(), 0) << kind;
+  }
+  for (const char* bad : {"", "none", "slowly", "slow-1", "cut*", "cut*0", "cut*x", "cut5", "@path", "status404"}) {
+    EXPECT_FALSE(ParseFault(bad)) << bad;
+  }
+}
+
+TEST(Faults, EndAfterTheirCount) {
+  FaultList faults;
+  faults.Add(*ParseFault("cut@/quotes*2"));
+  faults.Add(*ParseFault("html"));
+  EXPECT_EQ(faults.Take("/v1/markets/clock")->kind, FaultKind::kHtml);
+  EXPECT_EQ(faults.Take("/v1/markets/quotes")->kind, FaultKind::kCut);
+  EXPECT_EQ(faults.Take("/v1/markets/quotes")->kind, FaultKind::kCut);
+  EXPECT_EQ(faults.Take("/v1/markets/quotes")->kind, FaultKind::kHtml);
+  faults.Clear();
+  EXPECT_FALSE(faults.Take("/v1/markets/quotes"));
+}
+
+}  // namespace
+}  // namespace quenmark::simulator
