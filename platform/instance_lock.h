@@ -7,8 +7,8 @@
 
 namespace quenmark::platform {
 
-// Holds an advisory lock on a file of its own beside the store; the kernel drops it with the process. A launched program
-// does not inherit it.
+// Holds an advisory lock on a file of its own beside the store; the kernel drops it with the process. A launched
+// program does not inherit it.
 class InstanceLock {
  public:
   // The lock for this executable on that store, or nothing when another process holds it. Faults are RunTimeErrors.

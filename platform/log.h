@@ -1,10 +1,10 @@
 // The diagnostic log: off unless FEEDER_LOG asks for it, to standard error. Credentials never reach it.
 #pragma once
 
+#include <fmt/format.h>
+
 #include <memory>
 #include <string_view>
-
-#include <fmt/format.h>
 
 namespace quenmark::platform {
 
