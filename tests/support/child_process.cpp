@@ -15,6 +15,7 @@
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
+#include <utility>
 
 extern char** environ;
 
@@ -111,7 +112,8 @@ std::optional<std::string> ChildProcess::ReadLine(std::chrono::milliseconds limi
       m_buffer.erase(0, end + 1);
       return line;
     }
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
     if (left.count() <= 0 || !Fill(left)) return std::nullopt;
   }
 }
