@@ -1,0 +1,140 @@
+#include "platform/files.h"
+
+#include "platform/run_time_error.h"
+#include "tests/support/temporary_folder.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+#include <csignal>
+#include <filesystem>
+#include <map>
+#include <string>
+
+namespace quenmark::platform {
+namespace {
+
+unsigned ModeOf(const std::string& path) {
+  struct stat status {};
+  return stat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
+}
+
+template <typename Statement>
+int NumberOf(Statement&& statement) {
+  try {
+    statement();
+  } catch (const RunTimeError& error) {
+    return error.Number();
+  }
+  return 0;
+}
+
+std::size_t EntriesIn(const std::string& folder) {
+  return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator(folder), {}));
+}
+
+TEST(Files, WriteReplacesReadsBackAndLeavesNothingBeside) {
+  const test::TemporaryFolder folder;
+  const std::string path = folder.File("a.txt");
+  EXPECT_EQ(ReadWholeFile(path), "");
+  EXPECT_FALSE(FileExists(path));
+  EXPECT_FALSE(FileExists(""));
+  const std::string text(100'000, 'x');
+  WriteWholeFile(path, text);
+  EXPECT_EQ(ReadWholeFile(path), text);
+  std::filesystem::permissions(path, std::filesystem::perms(0640));
+  WriteWholeFile(folder.Path() + "\\a.txt", std::string("\0\xFF", 2));
+  EXPECT_EQ(ReadWholeFile(folder.Path() + "\\a.txt"), std::string("\0\xFF", 2));
+  EXPECT_EQ(ModeOf(path), 0640u);
+  EXPECT_EQ(EntriesIn(folder.Path()), 1u);
+  EXPECT_TRUE(FileExists(folder.Path()));
+}
+
+TEST(Files, ReadHasALimitAndTakesRegularFilesOnly) {
+  const test::TemporaryFolder folder;
+  WriteWholeFile(folder.File("a"), "12345");
+  EXPECT_EQ(ReadWholeFile(folder.File("a"), 5), "12345");
+  EXPECT_EQ(ReadWholeFile(folder.File("a"), 4), "");
+  EXPECT_NE(ReadWholeFile("/proc/self/status"), "");  // tells size 0
+  EXPECT_EQ(ReadWholeFile("/proc/self/status", 10), "");
+  EXPECT_EQ(ReadWholeFile(folder.Path()), "");
+  EXPECT_EQ(ReadWholeFile("/dev/zero"), "");
+  ASSERT_EQ(mkfifo(folder.File("pipe").c_str(), 0600), 0);
+  EXPECT_EQ(ReadWholeFile(folder.File("pipe")), "");  // and does not wait for a writer
+}
+
+TEST(Files, AppendCreatesAndAdds) {
+  const test::TemporaryFolder folder;
+  AppendToFile(folder.File("a"), "one\r\n");
+  AppendToFile(folder.File("a"), "two");
+  EXPECT_EQ(ReadWholeFile(folder.File("a")), "one\r\ntwo");
+}
+
+TEST(Files, FailuresAreNumberedAndKeepTheOldContents) {
+  const test::TemporaryFolder folder;
+  EXPECT_EQ(NumberOf([&] { WriteWholeFile(folder.File("no/a"), "x"); }), 76);
+  EXPECT_EQ(NumberOf([&] { AppendToFile(folder.File("no/a"), "x"); }), 76);
+  EXPECT_EQ(NumberOf([&] { AppendToFile(folder.Path(), "x"); }), 75);
+  WriteWholeFile(folder.File("a"), "old");
+  const auto oldTreatment = signal(SIGXFSZ, SIG_IGN);
+  rlimit old{};
+  getrlimit(RLIMIT_FSIZE, &old);
+  rlimit small = old;
+  small.rlim_cur = 4096;  // a device that is full after so many bytes
+  setrlimit(RLIMIT_FSIZE, &small);
+  const std::string text(10'000, 'x');
+  const int write = NumberOf([&] { WriteWholeFile(folder.File("a"), text); });
+  const int append = NumberOf([&] { AppendToFile(folder.File("a"), text); });
+  setrlimit(RLIMIT_FSIZE, &old);
+  signal(SIGXFSZ, oldTreatment);
+  EXPECT_EQ(write, 75);
+  EXPECT_EQ(append, 75);
+  EXPECT_EQ(ReadWholeFile(folder.File("a")), "old");
+  EXPECT_EQ(EntriesIn(folder.Path()), 1u);
+}
+
+TEST(Files, PrivateFolders) {
+  const test::TemporaryFolder folder;
+  CreatePrivateFolders(folder.File("a/b/"));
+  CreatePrivateFolders(folder.File("a/b"));
+  EXPECT_EQ(ModeOf(folder.File("a")), 0700u);
+  EXPECT_EQ(ModeOf(folder.File("a/b")), 0700u);
+  WriteWholeFile(folder.File("file"), "");
+  EXPECT_EQ(NumberOf([&] { CreatePrivateFolders(folder.File("file")); }), 76);
+  EXPECT_EQ(NumberOf([&] { CreatePrivateFolders(folder.File("file/below")); }), 76);
+}
+
+TEST(Files, SymbolsThatStayInTheirFolder) {
+  for (const char* safe : {"AAPL", "BRK.B", "^GSPC", "a b", "."}) EXPECT_TRUE(IsSafeInFileName(safe)) << safe;
+  for (const std::string& unsafe : {std::string(), std::string("a/b"), std::string("a\\b"), std::string(".."),
+                                    std::string("a..b"), std::string("a\0b", 3)}) {
+    EXPECT_FALSE(IsSafeInFileName(unsafe)) << unsafe;
+  }
+}
+
+TEST(Files, ProgramAndStorePlaces) {
+  EXPECT_EQ(ExecutablePath(), std::filesystem::read_symlink("/proc/self/exe").string());
+  std::map<const char*, std::string> old;
+  for (const char* name : {"FEEDER_HOME", "FEEDER_STORE", "XDG_DATA_HOME", "HOME"}) {
+    old[name] = Environment(name);
+    unsetenv(name);
+  }
+  EXPECT_EQ(ProgramFolder(), std::filesystem::path(ExecutablePath()).parent_path().string());
+  setenv("FEEDER_HOME", "/opt/feeder\\bin//", 1);
+  EXPECT_EQ(ProgramFolder(), "/opt/feeder/bin");
+  EXPECT_EQ(StorePath(), "");
+  setenv("HOME", "/home/user", 1);
+  EXPECT_EQ(StorePath(), "/home/user/.local/share/quenmark/settings.db");
+  setenv("XDG_DATA_HOME", "relative", 1);
+  EXPECT_EQ(StorePath(), "/home/user/.local/share/quenmark/settings.db");
+  setenv("XDG_DATA_HOME", "/data", 1);
+  EXPECT_EQ(StorePath(), "/data/quenmark/settings.db");
+  setenv("FEEDER_STORE", "there.db", 1);
+  EXPECT_EQ(StorePath(), "there.db");
+  for (const auto& [name, value] : old) value.empty() ? unsetenv(name) : setenv(name, value.c_str(), 1);
+}
+
+}  // namespace
+}  // namespace quenmark::platform

@@ -1,0 +1,76 @@
+#include "platform/instance_lock.h"
+
+#include "platform/files.h"
+#include "platform/run_time_error.h"
+#include "tests/support/child_process.h"
+#include "tests/support/temporary_folder.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <optional>
+#include <string>
+
+namespace quenmark::platform {
+namespace {
+
+TEST(InstanceLock, OnePerExecutableAndStore) {
+  const test::TemporaryFolder folder;
+  const std::string store = folder.File("new/settings.db");
+  std::optional<InstanceLock> lock = InstanceLock::TryAcquire("/bin/sh", store);
+  ASSERT_TRUE(lock);
+  EXPECT_FALSE(InstanceLock::TryAcquire("/bin/sh", store));
+  EXPECT_TRUE(InstanceLock::TryAcquire("/bin/ls", store));
+  EXPECT_TRUE(InstanceLock::TryAcquire("/bin/sh", folder.File("other.db")));
+  std::filesystem::create_symlink("/bin/sh", folder.File("link"));
+  std::filesystem::create_directory_symlink(folder.File("new"), folder.File("folder"));
+  EXPECT_FALSE(InstanceLock::TryAcquire(folder.File("link"), folder.File("folder/settings.db")));
+  std::optional<InstanceLock> moved = std::move(lock);
+  lock.reset();
+  EXPECT_FALSE(InstanceLock::TryAcquire("/bin/sh", store));
+  moved.reset();
+  EXPECT_TRUE(InstanceLock::TryAcquire("/bin/sh", store));
+}
+
+TEST(InstanceLock, ItsFileIsPrivate) {
+  const test::TemporaryFolder folder;
+  const auto lock = InstanceLock::TryAcquire("/bin/sh", folder.File("settings.db"));
+  for (const auto& entry : std::filesystem::directory_iterator(folder.Path())) {
+    EXPECT_EQ(entry.status().permissions(), std::filesystem::perms(0600)) << entry;
+  }
+}
+
+TEST(InstanceLock, AProgramStartedMeanwhileDoesNotHoldIt) {
+  const test::TemporaryFolder folder;
+  const std::string store = folder.File("settings.db");
+  auto lock = InstanceLock::TryAcquire("/bin/sh", store);
+  const test::ChildProcess child("sleep", {"60"});
+  lock.reset();
+  EXPECT_TRUE(InstanceLock::TryAcquire("/bin/sh", store));
+}
+
+TEST(InstanceLock, ItEndsWithItsProcess) {
+  const test::TemporaryFolder folder;
+  const std::string store = folder.File("settings.db");
+  const pid_t child = fork();
+  if (child == 0) {
+    const auto lock = InstanceLock::TryAcquire("/bin/sh", store);
+    _exit(lock ? 0 : 1);  // as kill -9 does, without the destructor
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+  EXPECT_TRUE(InstanceLock::TryAcquire("/bin/sh", store));
+}
+
+TEST(InstanceLock, AFolderThatCannotBeIsAFault) {
+  const test::TemporaryFolder folder;
+  WriteWholeFile(folder.File("file"), "");
+  EXPECT_THROW(InstanceLock::TryAcquire("/bin/sh", folder.File("file/settings.db")), RunTimeError);
+}
+
+}  // namespace
+}  // namespace quenmark::platform

@@ -1,0 +1,531 @@
+#include "platform/message_loop.h"
+
+#include "tests/support/manual_clock.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+#include <chrono>
+#include <deque>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace quenmark::platform {
+namespace {
+
+using namespace std::chrono_literals;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+class SocketPair {
+ public:
+  SocketPair() {
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, m_ends.data()) != 0) {
+      throw std::runtime_error("no sockets");
+    }
+  }
+  ~SocketPair() {
+    for (const int end : m_ends) close(end);
+  }
+  SocketPair(const SocketPair&) = delete;
+  SocketPair& operator=(const SocketPair&) = delete;
+
+  int Own() const { return m_ends[0]; }
+  void PeerWrites(std::string_view text) const {
+    EXPECT_EQ(write(m_ends[1], text.data(), text.size()), ssize_t(text.size()));
+  }
+
+ private:
+  std::array<int, 2> m_ends{};
+};
+
+class MessageLoopTest : public ::testing::Test {
+ protected:
+  // A window that notes the numbers of its messages, timers as the negative of their identifier.
+  WindowId NotingWindow(const char* name = "noting") {
+    return loop.CreateHiddenWindow(name, [this](const Message& message) { Note(message); });
+  }
+  void Note(const Message& message) {
+    noted.push_back(message.number == kMessageTimer ? -int(message.wParam) : int(message.number));
+  }
+  MonotonicTime In(std::chrono::milliseconds time) { return clock.Monotonic() + time; }
+  std::chrono::milliseconds Elapsed() const {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(clock.Monotonic() - start);
+  }
+
+  test::ManualClock clock;
+  const MonotonicTime start = clock.Monotonic();
+  MessageLoop loop{clock};
+  std::vector<int> noted;
+};
+
+TEST_F(MessageLoopTest, PostedMessagesRunInOrderAcrossTheGrowthOfTheQueue) {
+  const WindowId window = NotingWindow();
+  std::vector<int> expected;
+  for (int round = 0; round < 3; ++round) {
+    for (int i = 1; i <= 150; ++i) {
+      ASSERT_TRUE(loop.Post({window, std::uint32_t(i), 0, 0}));
+      expected.push_back(i);
+    }
+    loop.RunQueued();
+  }
+  EXPECT_EQ(noted, expected);
+}
+
+TEST_F(MessageLoopTest, PostToAWindowThatIsGoneFails) {
+  const WindowId window = NotingWindow();
+  EXPECT_TRUE(loop.Post({window, 1, 0, 0}));
+  loop.DestroyWindow(window);
+  EXPECT_FALSE(loop.Post({window, 2, 0, 0}));
+  loop.Dispatch({window, 3, 0, 0});
+  loop.RunQueued();
+  EXPECT_THAT(noted, IsEmpty());
+}
+
+TEST_F(MessageLoopTest, PeekFiltersByWindowAndNumberAndLeavesTheRest) {
+  const WindowId first = NotingWindow("first");
+  const WindowId second = NotingWindow("second");
+  for (std::uint32_t number = 1; number <= 4; ++number) {
+    loop.Post({first, number, number * 10, 0});
+    loop.Post({second, number + 100, 0, -1});
+  }
+  Message message;
+  EXPECT_FALSE(loop.Peek(message, {first, 100, 200}, true));
+  ASSERT_TRUE(loop.Peek(message, {0, 102, 103}, false));
+  EXPECT_EQ(message.number, 102u);
+  ASSERT_TRUE(loop.Peek(message, {second, 102, 103}, true));
+  EXPECT_EQ(message.number, 102u);
+  EXPECT_EQ(message.lParam, -1);
+  ASSERT_TRUE(loop.Peek(message, {first, 2, 2}, true));
+  EXPECT_EQ(message.wParam, 20u);
+  loop.RunQueued();
+  EXPECT_THAT(noted, ElementsAre(1, 101, 3, 103, 4, 104));
+}
+
+TEST_F(MessageLoopTest, TimersComeAfterPostedMessagesAndEarliestFirst) {
+  const WindowId window = NotingWindow();
+  loop.SetTimer(window, 1, 20ms);
+  loop.SetTimer(window, 2, 10ms);
+  loop.SetTimer(window, 3, 30ms);
+  clock.Advance(25ms);
+  loop.Post({window, 7, 0, 0});
+  Message message;
+  ASSERT_TRUE(loop.Peek(message, {window, kMessageTimer, kMessageTimer}, false));
+  EXPECT_EQ(message.wParam, 2u);
+  loop.RunQueued();
+  EXPECT_THAT(noted, ElementsAre(7, -2, -1));
+}
+
+TEST_F(MessageLoopTest, ATimerMissedSeveralTimesIsDeliveredOnceAndKeepsItsBeat) {
+  const WindowId window = NotingWindow();
+  loop.SetTimer(window, 1, 10ms);
+  clock.Advance(35ms);
+  loop.RunQueued();
+  EXPECT_THAT(noted, ElementsAre(-1));
+  clock.Advance(4ms);
+  loop.RunQueued();
+  EXPECT_THAT(noted, ElementsAre(-1));
+  clock.Advance(1ms);
+  loop.RunQueued();
+  EXPECT_THAT(noted, ElementsAre(-1, -1));
+}
+
+TEST_F(MessageLoopTest, KilledAndRestartedTimers) {
+  const WindowId window = NotingWindow();
+  loop.SetTimer(window, 1, 10ms);
+  loop.SetTimer(window, 2, 10ms);
+  clock.Advance(15ms);
+  loop.KillTimer(window, 1);          // due, not delivered
+  loop.SetTimer(window, 2, 10ms);     // due, starts anew
+  loop.SetTimer(window, 3, 0ms);      // counts as 1 ms
+  loop.SetTimer(window + 9, 1, 1ms);  // no such window
+  loop.RunQueued();
+  EXPECT_THAT(noted, IsEmpty());
+  loop.Sleep(10ms + 1ms);
+  EXPECT_EQ(std::count(noted.begin(), noted.end(), -1), 0);
+  EXPECT_EQ(std::count(noted.begin(), noted.end(), -2), 1);
+  EXPECT_EQ(std::count(noted.begin(), noted.end(), -3), 10);
+}
+
+TEST_F(MessageLoopTest, AHandlerMayDestroyItsWindowWithMessagesAndTimersPending) {
+  WindowId window = 0;
+  const auto big = std::make_shared<std::string>("kept");
+  window = loop.CreateHiddenWindow("self", [this, &window, big](const Message& message) {
+    loop.DestroyWindow(window);
+    Note(message);
+    EXPECT_EQ(*big, "kept");
+  });
+  loop.SetTimer(window, 5, 1ms);
+  loop.Post({window, 1, 0, 0});
+  loop.Post({window, 2, 0, 0});
+  loop.Sleep(5ms);
+  EXPECT_THAT(noted, ElementsAre(1));
+  EXPECT_EQ(loop.FindHiddenWindow("self"), 0u);
+  EXPECT_EQ(big.use_count(), 1);
+}
+
+TEST_F(MessageLoopTest, WindowsAreFoundByNameAndKeepTheirDataWeakly) {
+  EXPECT_EQ(loop.FindHiddenWindow("a"), 0u);
+  const WindowId first = NotingWindow("a");
+  NotingWindow("a");
+  EXPECT_EQ(loop.FindHiddenWindow("a"), first);
+  auto data = std::make_shared<int>(4);
+  EXPECT_EQ(loop.WindowData(first), nullptr);
+  loop.SetWindowData(first, data);
+  EXPECT_EQ(loop.WindowData(first), data);
+  data.reset();
+  EXPECT_EQ(loop.WindowData(first), nullptr);
+}
+
+TEST_F(MessageLoopTest, RemoveMessagesDropsOnlyWhatIsNamed) {
+  const WindowId first = NotingWindow();
+  const WindowId second = NotingWindow();
+  for (std::uint32_t number = 1; number <= 4; ++number) {
+    loop.Post({first, number, 0, 0});
+    loop.Post({second, number, 0, 0});
+  }
+  loop.RemoveMessages(first, [](const Message& message) { return message.number % 2 == 0; });
+  loop.RunQueued();
+  EXPECT_THAT(noted, ElementsAre(1, 1, 2, 3, 3, 4));
+}
+
+TEST_F(MessageLoopTest, RunQueuedEndsThoughAHandlerPostsToItself) {
+  WindowId window = 0;
+  int runs = 0;
+  window = loop.CreateHiddenWindow("self", [&](const Message& message) {
+    ++runs;
+    loop.Post(message);
+  });
+  loop.Post({window, 1, 0, 0});
+  loop.RunQueued();
+  EXPECT_GT(runs, 1);
+}
+
+TEST_F(MessageLoopTest, RunQueuedDeliversATimerOnceThoughItComesDueAgain) {
+  const WindowId window = loop.CreateHiddenWindow("slow", [this](const Message& message) {
+    Note(message);
+    clock.Advance(3ms);
+  });
+  loop.SetTimer(window, 1, 1ms);
+  clock.Advance(1ms);
+  loop.RunQueued();
+  EXPECT_THAT(noted, ElementsAre(-1));
+}
+
+TEST_F(MessageLoopTest, DescriptorsAreLookedAtDuringALongRunOfMessages) {
+  const SocketPair pair;
+  WindowId window = 0;
+  bool ready = false;
+  window = loop.CreateHiddenWindow("self", [&](const Message& message) { loop.Post(message); });
+  loop.Watch(pair.Own(), {.read = true}, Trigger::kEdge, [&](Readiness) { ready = true; });
+  loop.Post({window, 1, 0, 0});
+  pair.PeerWrites("x");
+  Message message;
+  for (int i = 0; i < 100; ++i) {  // always finds a message, yet must not go blind
+    ASSERT_TRUE(loop.Peek(message, {}, true));
+    loop.Dispatch(message);
+  }
+  EXPECT_TRUE(ready);
+}
+
+TEST_F(MessageLoopTest, PeekSeesReadinessThatHasJustArrived) {
+  const SocketPair pair;
+  const WindowId window = NotingWindow();
+  loop.Watch(pair.Own(), {.read = true}, Trigger::kEdge, [&](Readiness ready) {
+    loop.Post({window, ready.read ? 50u : 51u, 0, 0});
+  });
+  Message message;
+  EXPECT_FALSE(loop.Peek(message, {}, false));
+  pair.PeerWrites("x");
+  EXPECT_TRUE(loop.Peek(message, {window, 50, 50}, true));
+  EXPECT_FALSE(loop.Peek(message, {}, false));  // the edge has been told
+  pair.PeerWrites("y");
+  EXPECT_TRUE(loop.Peek(message, {window, 50, 50}, true));
+}
+
+TEST_F(MessageLoopTest, LevelTriggeredReadinessIsToldUntilItIsGoneAndCanBeSwitched) {
+  const SocketPair pair;
+  int reads = 0;
+  int writes = 0;
+  const WatchId watch = loop.Watch(pair.Own(), {.read = true}, Trigger::kLevel, [&](Readiness ready) {
+    reads += ready.read;
+    writes += ready.write;
+  });
+  ASSERT_NE(watch, 0u);
+  pair.PeerWrites("x");
+  Message message;
+  for (int i = 0; i < 3; ++i) loop.Peek(message, {}, false);
+  EXPECT_EQ(reads, 3);
+  loop.ChangeWatch(watch, {.write = true});
+  loop.Peek(message, {}, false);
+  EXPECT_EQ(reads, 3);
+  EXPECT_EQ(writes, 1);
+  loop.Unwatch(watch);
+  loop.Unwatch(watch);
+  loop.Peek(message, {}, false);
+  EXPECT_EQ(writes, 1);
+}
+
+TEST_F(MessageLoopTest, AReadyHandlerMayUnwatchItselfAndOthers) {
+  const SocketPair first;
+  const SocketPair second;
+  std::array<WatchId, 2> watches{};
+  int runs = 0;
+  const auto handler = [&](Readiness) {
+    ++runs;
+    for (const WatchId watch : watches) loop.Unwatch(watch);
+  };
+  watches[0] = loop.Watch(first.Own(), {.read = true}, Trigger::kLevel, handler);
+  watches[1] = loop.Watch(second.Own(), {.read = true}, Trigger::kLevel, handler);
+  first.PeerWrites("x");
+  second.PeerWrites("x");
+  loop.RunQueued();
+  EXPECT_EQ(runs, 1);
+}
+
+TEST_F(MessageLoopTest, UnwatchAfterTheDescriptorWasReusedLeavesTheNewWatchAlone) {
+  std::optional<SocketPair> first(std::in_place);
+  const WatchId old = loop.Watch(first->Own(), {.read = true}, Trigger::kLevel, [](Readiness) {});
+  const int number = first->Own();
+  first.reset();
+  const SocketPair second;
+  ASSERT_EQ(second.Own(), number);
+  bool ready = false;
+  ASSERT_NE(loop.Watch(second.Own(), {.read = true}, Trigger::kEdge, [&](Readiness) { ready = true; }), 0u);
+  loop.Unwatch(old);
+  second.PeerWrites("x");
+  loop.RunQueued();
+  EXPECT_TRUE(ready);
+}
+
+TEST_F(MessageLoopTest, WatchOfWhatCannotBeWatchedIsRefused) {
+  EXPECT_EQ(loop.Watch(-1, {.read = true}, Trigger::kLevel, [](Readiness) {}), 0u);
+}
+
+TEST_F(MessageLoopTest, CallsRunOnceAtTheirTimeInOrderAndCanBeReplacedAndCancelled) {
+  const auto note = [this](int number) { return [this, number] { noted.push_back(number); }; };
+  const WatchId first = loop.CallAt(0, In(30ms), note(1));
+  EXPECT_EQ(loop.CallAt(first, In(5ms), note(2)), first);
+  const WatchId cancelled = loop.CallAt(0, In(1ms), note(3));
+  loop.CancelCall(cancelled);
+  loop.CallAt(0, In(10ms), note(4));
+  loop.Sleep(50ms);
+  EXPECT_THAT(noted, ElementsAre(2, 4));
+  const WatchId again = loop.CallAt(first, In(1ms), note(5));  // has run: a new one
+  EXPECT_NE(again, first);
+  loop.CancelCall(first);
+  loop.Sleep(5ms);
+  EXPECT_THAT(noted, ElementsAre(2, 4, 5));
+}
+
+TEST_F(MessageLoopTest, WaitUntilEndsWhenDoneOrAtTheDeadlineToTheMillisecond) {
+  const WindowId window = NotingWindow();
+  loop.SetTimer(window, 1, 10ms);
+  EXPECT_TRUE(loop.WaitUntil([this] { return noted.size() == 3; }, In(1000ms)));
+  EXPECT_EQ(Elapsed(), 30ms);
+  EXPECT_FALSE(loop.WaitUntil([] { return false; }, In(25ms)));
+  EXPECT_EQ(Elapsed(), 55ms);
+  EXPECT_EQ(noted.size(), 5u);
+}
+
+TEST_F(MessageLoopTest, WaitUntilSeesWhatAReadyHandlerNoted) {
+  const SocketPair pair;
+  bool done = false;
+  loop.Watch(pair.Own(), {.read = true}, Trigger::kEdge, [&](Readiness) { done = true; });
+  pair.PeerWrites("x");
+  EXPECT_TRUE(loop.WaitUntil([&] { return done; }, In(10ms)));
+  EXPECT_EQ(Elapsed(), 0ms);
+}
+
+TEST_F(MessageLoopTest, WaitsNestToAnyDepth) {
+  WindowId window = 0;
+  int depth = 0;
+  int deepest = 0;
+  window = loop.CreateHiddenWindow("nested", [&](const Message& message) {
+    deepest = std::max(deepest, ++depth);
+    if (message.wParam > 0) {
+      loop.Post({window, 1, message.wParam - 1, 0});
+      loop.Sleep(1ms);
+    }
+    --depth;
+  });
+  loop.Post({window, 1, 100, 0});
+  loop.Sleep(1ms);
+  EXPECT_EQ(deepest, 101);
+  EXPECT_EQ(Elapsed(), 1ms);  // all of them waited for the same millisecond
+}
+
+// A tick that sleeps longer than its interval: it runs again only when it has ended, once, while other timers go on.
+TEST_F(MessageLoopTest, AMainTickDoesNotNest) {
+  int depth = 0;
+  std::vector<long> begins;
+  Timer tick(
+      loop, 100ms,
+      [&] {
+        EXPECT_EQ(++depth, 1);
+        begins.push_back(Elapsed().count());
+        loop.Sleep(250ms);
+        --depth;
+      },
+      TimerKind::kMainTick);
+  int others = 0;
+  Timer other(loop, 50ms, [&] { ++others; });
+  tick.SetEnabled(true);
+  other.SetEnabled(true);
+  loop.WaitUntil([&] { return begins.size() == 3; }, MonotonicTime::max());
+  EXPECT_THAT(begins, ElementsAre(100, 350, 600));
+  EXPECT_GE(others, 14);
+}
+
+TEST_F(MessageLoopTest, AMainTickThatCameDueDuringAPauseRunsOnceAfterwards) {
+  Timer tick(
+      loop, 10ms, [this] { noted.push_back(1); }, TimerKind::kMainTick);
+  tick.SetEnabled(true);
+  {
+    const MessageLoop::MainTickPause pause(loop);
+    loop.Sleep(35ms);
+    EXPECT_EQ(Elapsed(), 35ms);
+    EXPECT_THAT(noted, IsEmpty());
+  }
+  loop.RunQueued();
+  EXPECT_THAT(noted, ElementsAre(1));
+}
+
+TEST_F(MessageLoopTest, DispatchOneDuringWaitTakesAnythingButTheMainTick) {
+  Timer tick(
+      loop, 10ms, [this] { noted.push_back(1); }, TimerKind::kMainTick);
+  Timer other(loop, 10ms, [this] { noted.push_back(2); });
+  const WindowId window = NotingWindow();
+  tick.SetEnabled(true);
+  other.SetEnabled(true);
+  loop.Post({window, 3, 0, 0});
+  clock.Advance(10ms);
+  EXPECT_TRUE(loop.DispatchOneDuringWait());
+  EXPECT_TRUE(loop.DispatchOneDuringWait());
+  EXPECT_FALSE(loop.DispatchOneDuringWait());
+  EXPECT_THAT(noted, ElementsAre(3, 2));
+  loop.WaitForWork(3ms);  // the due main tick is no work for such a wait
+  EXPECT_EQ(Elapsed(), 13ms);
+  loop.RunQueued();
+  EXPECT_THAT(noted, ElementsAre(3, 2, 1));
+}
+
+TEST_F(MessageLoopTest, WaitForWorkReturnsAtOnceWhenSomethingIsQueuedAndDispatchesNothing) {
+  const WindowId window = NotingWindow();
+  loop.Post({window, 1, 0, 0});
+  loop.WaitForWork(10ms);
+  EXPECT_EQ(Elapsed(), 0ms);
+  EXPECT_THAT(noted, IsEmpty());
+  loop.RunQueued();
+  loop.SetTimer(window, 1, 4ms);
+  loop.WaitForWork(10ms);
+  EXPECT_EQ(Elapsed(), 4ms);
+  EXPECT_THAT(noted, ElementsAre(1));
+}
+
+TEST_F(MessageLoopTest, RunEndsWithQuitAlsoOneGivenBefore) {
+  const WindowId window = loop.CreateHiddenWindow("quit", [this](const Message& message) {
+    Note(message);
+    if (message.number == 2) loop.Quit();
+  });
+  for (std::uint32_t number = 1; number <= 3; ++number) loop.Post({window, number, 0, 0});
+  loop.Run();
+  EXPECT_THAT(noted, ElementsAre(1, 2));
+  loop.Quit();
+  loop.Run();
+  EXPECT_THAT(noted, ElementsAre(1, 2));
+}
+
+TEST_F(MessageLoopTest, TheHookRunsAfterEachMessageAndBeforeASleep) {
+  const WindowId window = NotingWindow();
+  std::vector<bool> calls;
+  loop.SetTurnHook([&](bool aboutToWait) {
+    calls.push_back(aboutToWait);
+    loop.RunQueued();  // must not call the hook again from within
+  });
+  loop.Post({window, 1, 0, 0});
+  loop.Sleep(1ms);
+  EXPECT_THAT(calls, ElementsAre(false, true));
+  calls.clear();
+  loop.Post({window, 1, 0, 0});
+  loop.RunQueued();
+  EXPECT_THAT(calls, ElementsAre(false));
+  EXPECT_THAT(noted, ElementsAre(1, 1));
+}
+
+TEST_F(MessageLoopTest, AMessagePostedByTheHookIsNotSleptOver) {
+  const WindowId window = NotingWindow();
+  loop.SetTurnHook([&](bool aboutToWait) {
+    if (aboutToWait && noted.empty()) loop.Post({window, 1, 0, 0});
+  });
+  EXPECT_TRUE(loop.WaitUntil([this] { return !noted.empty(); }, In(5ms)));
+  EXPECT_EQ(Elapsed(), 0ms);
+}
+
+TEST_F(MessageLoopTest, WaitsInRealTimeWhileSomethingOutsideIsAwaited) {
+  const SocketPair pair;
+  bool done = false;
+  loop.Watch(pair.Own(), {.read = true}, Trigger::kEdge, [&](Readiness) { done = true; });
+  const MessageLoop::OutsideWork outside(loop);
+  // Both the short real wait and the timer that it passes are seen: the peer writes when the timer has fired.
+  Timer timer(loop, 20ms, [&] { pair.PeerWrites("x"); });
+  timer.SetEnabled(true);
+  const auto before = std::chrono::steady_clock::now();
+  EXPECT_TRUE(loop.WaitUntil([&] { return done; }, In(60'000ms)));
+  EXPECT_GE(std::chrono::steady_clock::now() - before, 19ms);
+  EXPECT_EQ(Elapsed(), 20ms);
+}
+
+TEST_F(MessageLoopTest, AnExceptionLeavesTheLoopUsable) {
+  int runs = 0;
+  Timer tick(
+      loop, 10ms,
+      [&] {
+        if (++runs == 1) throw std::runtime_error("out");
+      },
+      TimerKind::kMainTick);
+  tick.SetEnabled(true);
+  EXPECT_THROW(loop.Sleep(100ms), std::runtime_error);
+  loop.Sleep(25ms);
+  EXPECT_EQ(runs, 3);
+}
+
+TEST_F(MessageLoopTest, TimerProperties) {
+  std::vector<long> ticks;
+  auto timer = std::make_unique<Timer>(loop, 100ms, [&] { ticks.push_back(Elapsed().count()); });
+  loop.Sleep(150ms);
+  timer->SetEnabled(true);  // at 150
+  loop.Sleep(50ms);
+  timer->SetEnabled(true);    // no change: goes on
+  timer->SetInterval(100ms);  // no change: goes on
+  loop.Sleep(60ms);           // tick at 250
+  timer->SetInterval(30ms);   // at 260: starts anew
+  loop.Sleep(65ms);           // ticks at 290 and 320
+  timer->SetInterval(0ms);
+  loop.Sleep(500ms);
+  timer->SetInterval(40ms);  // at 825
+  loop.Sleep(50ms);          // tick at 865
+  timer->SetEnabled(false);
+  loop.Sleep(500ms);
+  EXPECT_THAT(ticks, ElementsAre(250, 290, 320, 865));
+}
+
+TEST_F(MessageLoopTest, ATickMayDestroyItsTimer) {
+  std::unique_ptr<Timer> timer;
+  std::string state = "a text that is too long to be stored within the function object";
+  timer = std::make_unique<Timer>(loop, 5ms, [&, state] {
+    timer.reset();
+    noted.push_back(int(state.size()));
+  });
+  timer->SetEnabled(true);
+  loop.Sleep(50ms);
+  EXPECT_THAT(noted, ElementsAre(int(state.size())));
+}
+
+}  // namespace
+}  // namespace quenmark::platform

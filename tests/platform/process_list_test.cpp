@@ -1,0 +1,176 @@
+#include "platform/process_list.h"
+
+#include "platform/files.h"
+#include "platform/message_loop.h"
+#include "tests/support/child_process.h"
+#include "tests/support/eventually.h"
+#include "tests/support/temporary_folder.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <filesystem>
+#include <optional>
+#include <string>
+
+namespace quenmark::platform {
+namespace {
+
+using namespace std::chrono_literals;
+using ::testing::Contains;
+using ::testing::HasSubstr;
+
+class ProcessListTest : public ::testing::Test {
+ protected:
+  std::optional<ProcessEntry> Entry(ProcessId id) {
+    for (const ProcessEntry& entry : list.List()) {
+      if (entry.id == id) return entry;
+    }
+    return std::nullopt;
+  }
+
+  SystemClock clock;
+  MessageLoop loop{clock};
+  SystemProcessList list{loop};
+};
+
+void WriteProgram(const std::string& path, const std::string& text) {
+  WriteWholeFile(path, text);
+  std::filesystem::permissions(path, std::filesystem::perms(0700));
+}
+
+TEST(FindProcess, ContainsWithoutRegardToCase) {
+  const std::vector<ProcessEntry> processes = {{3, {"bash"}}, {5, {"preloader", "KLV.EXE"}}, {9, {"klv.exe"}}};
+  EXPECT_EQ(FindProcess(processes, "klv.exe"), 5);
+  EXPECT_EQ(FindProcess(processes, "LOAD"), 5);
+  EXPECT_EQ(FindProcess(processes, "klv.exe2"), 0);
+  EXPECT_EQ(FindProcess(processes, ""), 0);
+  EXPECT_EQ(FindProcess({}, "a"), 0);
+}
+
+TEST_F(ProcessListTest, FindsAProcessByAnyOfItsNames) {
+  const struct {
+    const char* first;
+    const char* name;
+  } rows[] = {{"klv.exe", "klv.exe"}, {"C:\\x\\QX.exe", "QX.exe"}, {"/opt/a b/quenmark.exe", "quenmark.exe"}};
+  for (const auto& row : rows) {
+    test::ChildProcess::Options options;
+    options.argv0 = row.first;
+    const test::ChildProcess child("sleep", {"60"}, options);
+    // posix_spawn has returned, so the child is the program by now.
+    const std::optional<ProcessEntry> entry = Entry(child.Id());
+    ASSERT_TRUE(entry) << row.first;
+    EXPECT_THAT(entry->names, Contains(row.name));
+    EXPECT_THAT(entry->names, Contains("sleep"));
+  }
+}
+
+TEST_F(ProcessListTest, AScriptIsFoundByItsOwnName) {
+  const test::TemporaryFolder folder;
+  WriteProgram(folder.File("pellbrook1.exe"), "#!/bin/sh\necho up\nkill -STOP $$\n");
+  test::ChildProcess child(folder.File("pellbrook1.exe"), {});
+  ASSERT_EQ(child.ReadLine(), "up");
+  const std::optional<ProcessEntry> entry = Entry(child.Id());
+  ASSERT_TRUE(entry);
+  EXPECT_THAT(entry->names, Contains("pellbrook1.exe"));
+}
+
+TEST_F(ProcessListTest, LeavesOutItselfAndTheDeadAndIsSorted) {
+  test::ChildProcess child("true", {});
+  ASSERT_TRUE(test::Eventually([&] { return !Entry(child.Id()); }));  // a zombie: nobody has waited for it
+  EXPECT_EQ(kill(child.Id(), 0), 0);
+  const std::vector<ProcessEntry> processes = list.List();
+  EXPECT_TRUE(std::is_sorted(processes.begin(), processes.end(),
+                             [](const ProcessEntry& left, const ProcessEntry& right) { return left.id < right.id; }));
+  EXPECT_EQ(std::count_if(processes.begin(), processes.end(), [](const auto& entry) { return entry.id == getpid(); }),
+            0);
+}
+
+TEST_F(ProcessListTest, EndsAWillingProcessWithoutWaitingOutTheSecond) {
+  test::ChildProcess child("sleep", {"60"});
+  EXPECT_TRUE(list.End(child.Id()));
+  EXPECT_EQ(child.Wait(), 128 + SIGTERM);
+}
+
+TEST_F(ProcessListTest, KillsAStubbornProcessWhileTheLoopGoesOn) {
+  const test::TemporaryFolder folder;
+  test::ChildProcess child("sh", {"-c", "trap '' TERM; echo ready; while :; do sleep 60; done"});
+  ASSERT_EQ(child.ReadLine(), "ready");
+  int ticks = 0;
+  Timer timer(loop, 50ms, [&ticks] { ++ticks; });
+  timer.SetEnabled(true);
+  EXPECT_TRUE(list.End(child.Id()));
+  EXPECT_EQ(child.Wait(), 128 + SIGKILL);
+  EXPECT_GE(ticks, 5);
+}
+
+TEST_F(ProcessListTest, EndRefusesWhatIsNoProcessAndItself) {
+  for (const ProcessId process : {0, -1, getpid()}) EXPECT_FALSE(list.End(process)) << process;
+  test::ChildProcess child("true", {});
+  child.Wait();
+  EXPECT_TRUE(list.End(child.Id()));  // gone already
+}
+
+TEST_F(ProcessListTest, LaunchesInTheProgramsFolderWithACleanState) {
+  const test::TemporaryFolder folder;
+  const std::string report = folder.File("report");
+  WriteProgram(
+      folder.File("pellbrook2.exe"),
+      "#!/bin/sh\n{ pwd; echo $#; ls /proc/$$/fd | tr '\\n' ' '; echo; grep -E 'SigBlk|SigIgn' /proc/$$/status; } "
+      "> part; mv part report; while :; do sleep 0.1; done\n");
+  const int kept = dup(0);  // inheritable
+  std::string path = folder.File("pellbrook2.exe");
+  path[path.find_last_of('/')] = '\\';
+  sigset_t blocked;
+  sigset_t before;
+  sigemptyset(&blocked);
+  sigaddset(&blocked, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &blocked, &before);
+  const auto oldPipe = signal(SIGPIPE, SIG_IGN);
+  const int result = list.Launch(path);
+  signal(SIGPIPE, oldPipe);
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  close(kept);
+  EXPECT_GT(result, 32);
+  ASSERT_TRUE(test::Eventually([&] { return FileExists(report); }));
+  const std::string text = ReadWholeFile(report);
+  EXPECT_THAT(text, HasSubstr(std::filesystem::canonical(folder.Path()).string() + "\n0\n"));
+  EXPECT_THAT(text, HasSubstr("SigBlk:\t0000000000000000\n"));
+  // The two signals above these 31 are the C library's own.
+  EXPECT_EQ(std::stoull(text.substr(text.find("SigIgn:") + 7), nullptr, 16) & 0x7FFFFFFF, 0u) << text;
+  const std::string descriptors = text.substr(text.find("\n0\n") + 3, text.find("SigBlk") - text.find("\n0\n") - 3);
+  // Its own three and those the shell opens for the script and for redirections, at 10 and above.
+  for (const char* inherited : {"3 ", "4 ", "5 ", "6 "}) {
+    EXPECT_EQ((" " + descriptors).find(std::string(" ") + inherited), std::string::npos) << descriptors;
+  }
+
+  const ProcessId process = FindProcess(list.List(), "pellbrook2.exe");
+  ASSERT_NE(process, 0);
+  EXPECT_TRUE(list.End(process));
+  // Reaped, not left as a zombie.
+  EXPECT_TRUE(loop.WaitUntil([&] { return kill(process, 0) != 0; }, clock.Monotonic() + 20s));
+}
+
+TEST_F(ProcessListTest, LaunchFailuresHaveTheShellsNumbers) {
+  const test::TemporaryFolder folder;
+  WriteWholeFile(folder.File("plain"), "text");
+  WriteProgram(folder.File("garbage"), "no program");
+  const struct {
+    std::string path;
+    int result;
+  } rows[] = {{folder.File("missing"), 2},
+              {folder.File("no/missing"), 3},
+              {folder.File("plain/below"), 3},
+              {folder.File("plain"), 5},
+              {folder.Path(), 5},
+              {folder.File("garbage"), 11},
+              {"", 2}};
+  for (const auto& row : rows) EXPECT_EQ(list.Launch(row.path), row.result) << row.path;
+}
+
+}  // namespace
+}  // namespace quenmark::platform
