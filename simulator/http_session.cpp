@@ -40,7 +40,7 @@ const std::string& PaddingBlock() {
 }
 
 std::string Head(const HttpAnswer& answer, bool keepAlive) {
-  const std::string_view reason = http::obsolete_reason(static_cast<http::status>(answer.status)).to_string();
+  const std::string reason = http::obsolete_reason(static_cast<http::status>(answer.status)).to_string();
   std::string head =
       fmt::format("HTTP/1.1 {} {}\r\nContent-Type: {}\r\nContent-Length: {}\r\nConnection: {}\r\n", answer.status,
                   reason, answer.contentType, answer.body.size() + answer.padding, keepAlive ? "keep-alive" : "close");

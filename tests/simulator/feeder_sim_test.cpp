@@ -44,6 +44,7 @@ class Simulator {
     Answer answer;
     answer.body = curl.ReadAll();
     const std::size_t end = answer.body.rfind('\n');
+    if (end == std::string::npos) throw std::runtime_error("curl: " + curl.ErrorText());
     answer.status = std::stoi(answer.body.substr(end + 1));
     answer.body.resize(end);
     answer.exit = curl.Wait().value_or(-1);
@@ -264,7 +265,7 @@ TEST(FeederSim, FaultsHitAndEnd) {
     EXPECT_EQ(answer.exit, row.exit) << row.fault;
     EXPECT_EQ(answer.status, row.status) << row.fault;
     EXPECT_TRUE(answer.body.starts_with(row.begin)) << row.fault;
-    if (row.size != 0) EXPECT_EQ(answer.body.size(), row.size);
+    EXPECT_TRUE(row.size == 0 || answer.body.size() == row.size) << answer.body.size();
     EXPECT_EQ(sim.Sent("AAPL", "quote"), sent) << row.fault << ": counted as sent";
   }
   EXPECT_EQ(sim.Control("fault", "html"), 200);
@@ -322,13 +323,13 @@ TEST(FeederSim, TakesLargeHeadsAndLogsThem) {
   std::string path = "/v1/markets/quotes?symbols=";
   std::size_t count = 0;
   for (const Json& entry : sim.Get("/cad/", {"-X", "POST"}).Parsed()) {
-    if (path.size() > 125'000) break;
+    if (path.size() > 124'000) break;
     path += entry["symbol"].get<std::string>() + ",";
     ++count;
   }
-  std::ofstream{folder.File("config")} << "url = \"" << sim.Address(path) << "\"\n";
-  const Answer answer = sim.Get("/sim/state", {"--config", folder.File("config"), "--compressed", "-o", "/dev/null"});
-  EXPECT_EQ(answer.exit, 0);
+  // An argument of a program ends below 128 KB; the header fills the head up to it.
+  const Answer answer = sim.Get(path, {"--compressed", "-H", "X-Filler: " + std::string(130'800 - path.size(), 'x')});
+  EXPECT_EQ(answer.Parsed()["quotes"]["quote"].size(), count);
   EXPECT_EQ(sim.Get("/sim/state").Parsed()["symbols"].size(), count);
   EXPECT_GT(count, 20'000U);
 
@@ -337,8 +338,8 @@ TEST(FeederSim, TakesLargeHeadsAndLogsThem) {
   std::ifstream file{folder.File("log")};
   std::vector<Json> lines;
   for (std::string line; std::getline(file, line);) lines.push_back(Json::parse(line));
-  ASSERT_GE(lines.size(), 4U);
-  EXPECT_EQ(lines[2]["path"], path);
+  ASSERT_EQ(lines.size(), 4U);
+  EXPECT_EQ(lines[1]["path"], path);
   const Json& last = lines.back();
   EXPECT_EQ(last["method"], "POST");
   EXPECT_EQ(last["path"], "/gmt/");
