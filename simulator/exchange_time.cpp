@@ -20,8 +20,8 @@ std::int64_t WallSeconds(std::int64_t instant) {
 }
 
 std::int64_t InstantOf(std::int64_t wall) {
-  const std::int64_t summer = wall + 240 * 60;
-  return MinutesWest(summer) == 240 ? summer : wall + 300 * 60;
+  const std::int64_t summer = wall + std::int64_t{240} * 60;
+  return MinutesWest(summer) == 240 ? summer : wall + std::int64_t{300} * 60;
 }
 
 // The number that `text` holds from `from` on, `digits` long; -1 when a character is no digit.
@@ -60,7 +60,7 @@ std::optional<std::int64_t> ParseExchangeTime(std::string_view text) {
     if (text[10] != ' ' || text[13] != ':' || hour < 0 || hour > 23 || minute < 0 || minute > 59) return std::nullopt;
   }
   const sys_seconds midnight = sys_days{date};
-  return InstantOf(midnight.time_since_epoch().count() + hour * 3600 + minute * 60);
+  return InstantOf(midnight.time_since_epoch().count() + std::int64_t{hour} * 3600 + std::int64_t{minute} * 60);
 }
 
 std::string ExchangeTimeText(std::int64_t instant) {

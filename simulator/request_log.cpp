@@ -1,14 +1,24 @@
 #include "simulator/request_log.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <stdexcept>
 
 namespace quenmark::simulator {
+namespace {
+
+// Logged headers hold credentials.
+constexpr std::filesystem::perms kOwnerOnly = std::filesystem::perms::owner_read | std::filesystem::perms::owner_write;
+
+}  // namespace
 
 RequestLog::RequestLog(const std::string& file) {
   if (file.empty()) return;
+  const bool isNew = !std::filesystem::exists(file);
   m_file.open(file, std::ios::app | std::ios::binary);
   if (!m_file) throw std::runtime_error("cannot write " + file);
+  std::error_code ignored;
+  if (isNew) std::filesystem::permissions(file, kOwnerOnly, ignored);
 }
 
 void RequestLog::Request(const HttpRequest& request, int status, std::string_view fault, std::int64_t time) {

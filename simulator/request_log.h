@@ -13,7 +13,8 @@ namespace quenmark::simulator {
 
 class RequestLog {
  public:
-  // Appends to `file`; an empty name logs nothing. Throws std::runtime_error when the file cannot be opened.
+  // Appends to `file`, which is made readable for its owner only; an empty name logs nothing. Throws std::runtime_error
+  // when the file cannot be opened.
   explicit RequestLog(const std::string& file);
 
   // `status` is 0 when no answer is sent; `fault` is empty when none was committed; `time` is milliseconds since 1970
