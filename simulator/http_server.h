@@ -13,9 +13,9 @@
 
 namespace quenmark::simulator {
 
-inline constexpr std::uint32_t kHeadLimit = 160 * 1024;          // bytes of request line and headers; 431 beyond
-inline constexpr std::uint64_t kRequestBodyLimit = 1024 * 1024;  // bytes; 413 beyond
-inline constexpr long kConnectionLimit = 512;                    // per server; more are closed at once
+inline constexpr std::uint32_t kHeadLimit = 160 * 1024;        // bytes of request line and headers; 431 beyond
+inline constexpr std::uint64_t kRequestBodyLimit = 1'048'576;  // bytes; 413 beyond
+inline constexpr long kConnectionLimit = 512;                  // per server; more are closed at once
 
 class HttpServer {
  public:
