@@ -6,6 +6,7 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
+#include <signal.h>
 
 #include <filesystem>
 #include <fstream>
@@ -33,6 +34,13 @@ class Simulator {
     if (!line) throw std::runtime_error("no first line: " + m_program.ErrorText());
     m_ready = Json::parse(*line);
   }
+  // Asked to end, so that its folder goes too.
+  ~Simulator() {
+    m_program.Signal(SIGTERM);
+    m_program.Wait();
+  }
+  Simulator(const Simulator&) = delete;
+  Simulator& operator=(const Simulator&) = delete;
 
   std::string Address(const std::string& path) const {
     return fmt::format("https://localhost:{}{}", m_ready["https"].get<int>(), path);
