@@ -43,7 +43,7 @@ class SqliteStore final : public SettingsStore {
   SqliteStore& operator=(const SqliteStore&) = delete;
 
   // Commits before the loop sleeps, and in a burst 1 ms after the first write. A commit that fails is tried again until
-  // it succeeds; its writes stay readable meanwhile. Takes the loop's turn hook; the loop must outlive the store.
+  // it succeeds; its writes stay readable meanwhile. Takes the loop's turn hook; either may be destroyed first.
   void AttachTo(MessageLoop& loop);
   // Told once when a commit of the turn hook or of SaveSetting begins to fail.
   void OnFault(std::function<void(const std::string& description)> report);

@@ -70,10 +70,6 @@ SqliteStore::Core::Core(const std::string& path, Clock& clock, std::chrono::mill
       m_listApplications(m_database.Handle(), "SELECT name FROM application ORDER BY id") {}
 
 SqliteStore::Core::~Core() {
-  if (m_loop != nullptr) {
-    m_loop->SetTurnHook({});
-    m_loop->CancelCall(m_retryCall);
-  }
   IgnoreErrors([&] { Commit(m_busyLimit); });
 }
 
@@ -270,13 +266,17 @@ void SqliteStore::Core::DeleteApplication(std::string_view application) {
 // --------------------------------------------------------------------------------------------------------
 
 void SqliteStore::Core::AttachTo(MessageLoop& loop) {
-  m_loop = &loop;
-  loop.SetTurnHook([this](bool aboutToWait) { OnTurn(aboutToWait); });
+  m_attached = std::make_shared<bool>(true);
+  loop.SetTurnHook([this, &loop, attached = std::weak_ptr<bool>(m_attached)](bool aboutToWait) {
+    if (!attached.expired()) OnTurn(loop, aboutToWait);
+  });
 }
 
-void SqliteStore::Core::OnTurn(bool aboutToWait) {
+void SqliteStore::Core::OnTurn(MessageLoop& loop, bool aboutToWait) {
   if (m_writes.empty()) return;
   if (aboutToWait || m_clock.Monotonic() - m_firstWrite >= kLongestPending) TryCommit();
+  // When that has failed, waking the loop is enough: this function tries again.
+  if (!m_writes.empty() && m_failing) m_retryCall = loop.CallAt(m_retryCall, m_retryAt, [] {});
 }
 
 void SqliteStore::Core::CommitWhenDue() {
@@ -291,8 +291,6 @@ void SqliteStore::Core::TryCommit() {
     if (!m_failing && m_report) m_report(fault.what());
     m_failing = true;
     m_retryAt = m_clock.Monotonic() + kRetryEvery;
-    // Waking the loop is enough: the turn hook tries again.
-    if (m_loop != nullptr) m_retryCall = m_loop->CallAt(m_retryCall, m_retryAt, [] {});
   }
 }
 

@@ -11,6 +11,7 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -71,7 +72,7 @@ class SqliteStore::Core {
   void CommitWhenDue();
   void TryCommit();
   void Commit(std::chrono::milliseconds busyLimit);
-  void OnTurn(bool aboutToWait);
+  void OnTurn(MessageLoop& loop, bool aboutToWait);
 
   bool CarryOut(const Write& write);
   bool CarryOutSave(const Write& write);
@@ -98,7 +99,7 @@ class SqliteStore::Core {
   bool m_failing = false;
   MonotonicTime m_retryAt{};
   std::function<void(const std::string&)> m_report;
-  MessageLoop* m_loop = nullptr;
+  std::shared_ptr<bool> m_attached;  // lives as long as the loop's hook may call
   WatchId m_retryCall = 0;
 
   Statement m_findEntry, m_findRow, m_update, m_insert, m_deleteEntry;
