@@ -232,7 +232,9 @@ std::optional<CivilTime> ParseDate(std::string_view text) {
   DateReader reader(text);
   CivilTime time{1899, 12, 30, 0, 0, 0};
   reader.SkipBlanks();
-  const bool hasDay = ReadDay(reader, time);
+  CivilTime day;
+  const bool hasDay = ReadDay(reader, day);
+  if (hasDay) time = day;
   const std::size_t afterDay = reader.Position();
   reader.SkipBlanks();
   if (!reader.AtEnd()) {

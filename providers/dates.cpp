@@ -140,7 +140,7 @@ Normalised NormaliseText(std::string_view value, int currentYear) {
   if (const std::optional<std::string> date = FromSlashes(value)) return FromText(*date);
   if (const std::optional<std::string> date = FromDigits(value)) return FromText(*date);
   if (const std::optional<double> number = platform::ParseNumber(value)) {
-    if (const std::optional<CivilTime> time = platform::DateFromSerial(*number)) return {std::string(value), time};
+    return {std::string(value), platform::DateFromSerial(*number)};
   }
   if (const std::optional<CivilTime> time = platform::ParseDate(value)) return {std::string(value), time};
   if (StartsWithDigits(value, 8)) return FromText(DashedDate(value));
