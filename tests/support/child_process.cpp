@@ -86,7 +86,9 @@ ChildProcess::ChildProcess(const std::string& program, const std::vector<std::st
 }
 
 ChildProcess::~ChildProcess() {
-  if (Running()) {
+  // Asked first, so that it can tidy up.
+  Signal(SIGTERM);
+  if (!Wait(std::chrono::seconds{2})) {
     kill(m_id, SIGKILL);
     waitpid(m_id, nullptr, 0);
   }

@@ -20,7 +20,7 @@ class ChildProcess {
   // Starts the program (looked up in PATH when it has no slash). Throws std::runtime_error when it cannot.
   ChildProcess(const std::string& program, const std::vector<std::string>& arguments, const Options& options);
   ChildProcess(const std::string& program, const std::vector<std::string>& arguments);
-  // Kills what still runs.
+  // Ends what still runs, killing it after two seconds.
   ~ChildProcess();
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;

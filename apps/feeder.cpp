@@ -1,0 +1,60 @@
+// The feeder: one process per data provider, told everything through the settings store.
+#include "feeder/main_form.h"
+#include "platform/files.h"
+#include "platform/instance_lock.h"
+#include "platform/run_time_error.h"
+#include "platform/sqlite_store.h"
+#include "platform/stop_signals.h"
+#include "providers/http_requests.h"
+
+#include <cstdio>
+#include <cstdlib>
+
+namespace {
+
+using namespace quenmark;
+
+int Run(platform::Log& log) {
+  platform::SystemClock clock;
+  platform::MessageLoop loop(clock);
+  const std::string storePath = platform::StorePath();
+  const auto store = platform::SqliteStore::Open(storePath, clock);
+  store->AttachTo(loop);
+  const auto lock = platform::InstanceLock::TryAcquire(platform::ExecutablePath(), storePath);
+  if (!lock) {
+    log.Info("ending: another instance runs");
+    return 0;
+  }
+
+  const auto http = platform::MakeHttpClient(loop, providers::BuildUserAgent());
+  platform::SystemProcessList processes(loop);
+  providers::Context context{.store = *store,
+                             .loop = loop,
+                             .clock = clock,
+                             .http = *http,
+                             .processes = processes,
+                             .log = log,
+                             .programFolder = platform::ProgramFolder(),
+                             .endProcess = [] { std::_Exit(0); }};
+  const platform::StopSignals stop(loop, [&context] { context.EndProgram("stopped by a signal"); });
+  feeder::frmPBF form(context);
+  form.Form_Load();
+  loop.Run();
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char**) {
+  if (argc > 1) {
+    std::fputs("feeder takes no arguments\n", stderr);
+    return 2;
+  }
+  platform::Log log(platform::ParseLogLevel(platform::Environment("FEEDER_LOG")));
+  try {
+    return Run(log);
+  } catch (const std::exception& error) {
+    log.Error("{}", error.what());
+    return 1;
+  }
+}

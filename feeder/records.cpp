@@ -1,0 +1,52 @@
+#include "feeder/records.h"
+
+#include "platform/number_text.h"
+
+#include <string>
+
+namespace quenmark::feeder {
+namespace {
+
+std::string KeyOf(std::string_view symbol, std::string_view ending) {
+  std::string key;
+  key.reserve(symbol.size() + ending.size());
+  return key.append(symbol).append(ending);
+}
+
+// The last digit of a stamp's minute, NUL when the stamp is too short to have one.
+char MinuteDigit(std::string_view stamp) {
+  return stamp.size() < 3 ? '\0' : stamp[stamp.size() - 3];
+}
+
+}  // namespace
+
+QuoteOrder QAnt(providers::Context& context, std::string_view symbol, std::string_view stamp) {
+  const std::string record = context.store.GetSetting(context.settingsApp, providers::kFeederSection, symbol);
+  const std::size_t dash = record.rfind('-');
+  if (dash == std::string::npos) return QuoteOrder::kOk;
+  const std::string_view stored = std::string_view(record).substr(dash + 1);
+  if (stamp < stored) return QuoteOrder::kNo;
+  if (MinuteDigit(stamp) != MinuteDigit(stored)) {
+    context.store.DeleteSection(context.settingsApp, providers::kMinuteBarSection);
+  }
+  return QuoteOrder::kOk;
+}
+
+void WritePreviousClose(providers::Context& context, std::string_view symbol, std::string_view numberText) {
+  context.store.SaveSetting(context.settingsApp, providers::kFeederSection, KeyOf(symbol, "-pc"), numberText);
+}
+
+void WriteRefreshTime(providers::Context& context, std::string_view symbol) {
+  const auto seconds = static_cast<double>(platform::SecondsSinceMidnight(context.clock.LocalNow()));
+  context.store.SaveSetting(context.settingsApp, providers::kFeederSection, KeyOf(symbol, "-all"),
+                            platform::NumberText(seconds));
+}
+
+void WriteBook(providers::Context& context, std::string_view symbol, const Book& book) {
+  std::string text;
+  text.reserve(book.bid.size() + book.bidSize.size() + book.ask.size() + book.askSize.size() + 3);
+  text.append(book.bid).append("|").append(book.bidSize).append("@").append(book.ask).append("|").append(book.askSize);
+  context.store.SaveSetting(context.settingsApp, providers::kFeederSection, KeyOf(symbol, "-bid@ask"), text);
+}
+
+}  // namespace quenmark::feeder

@@ -1,0 +1,99 @@
+#include "feeder/symbol_master.h"
+
+#include "platform/code_page.h"
+#include "platform/number_text.h"
+#include "platform/run_time_error.h"
+#include "providers/http_requests.h"
+#include "providers/json.h"
+#include "providers/numbers.h"
+#include "providers/station_symbols.h"
+#include "providers/symbol_directory.h"
+
+#include <cmath>
+
+namespace quenmark::feeder {
+namespace {
+
+using providers::Context;
+using providers::JsonValue;
+using providers::kSymbolsSection;
+
+constexpr std::string_view kVendorProvider = "Quenmark";
+constexpr std::string_view kTradierProvider = "Tradier";
+constexpr double kTick = 0.01;
+
+void FillFromDirectory(Context& context, std::string_view symbol) {
+  providers::LoadSymbolDirectory(context);
+  const std::string_view entry = providers::DirectoryEntry(context.symbolDirectory, symbol);
+  if (!entry.empty()) context.store.SaveSetting(kVendorProvider, kSymbolsSection, platform::AsciiUpper(symbol), entry);
+}
+
+void StoreSecurity(Context& context, const JsonValue& security) {
+  platform::IgnoreErrors([&] {
+    const std::string symbol = platform::AsciiUpper(security.At("symbol").Text());
+    if (!symbol.empty()) context.store.SaveSetting(kTradierProvider, kSymbolsSection, symbol, ToJson(security));
+  });
+}
+
+void FillFromLookup(Context& context, std::string_view symbol) {
+  const std::string answer = ApiRequest(context, "markets/lookup?q=" + std::string(symbol));
+  if (answer.starts_with(providers::kRequestFailed)) return;
+  const providers::JsonDocument document = providers::ParseJson(answer);
+  // One match comes as a bare object, several as a list, none as null.
+  const JsonValue& found = document.Value().At("securities").At("security");
+  if (found.IsObject()) StoreSecurity(context, found);
+  for (const JsonValue& security : found.Items()) StoreSecurity(context, security);
+}
+
+std::string TradierOrVendorField(std::string_view entry, std::string_view question) {
+  const providers::JsonDocument document = providers::ParseJson(entry);
+  if (document.Root() == nullptr) return {};
+  if (question == "venc") return "-";
+  if (question == "desc") return document.Value().At("description").Text();
+  if (question == "type") return document.Value().At("type").Text();
+  if (question == "tick") return providers::FormatNum(kTick, 2, false, platform::kLocaleEnglishUs, false);
+  if (question == "tickdec") return "2";
+  if (question == "fator" || question == "lote") return "1";
+  if (question == "lotedec") return "0";
+  return {};
+}
+
+using Fill = void (*)(Context& context, std::string_view symbol);
+using Read = std::string (*)(std::string_view entry, std::string_view question);
+
+struct ProviderRow {
+  std::string_view name;
+  Fill fill;
+  Read read;
+};
+
+constexpr ProviderRow kProviders[] = {
+    {kVendorProvider, FillFromDirectory, TradierOrVendorField},
+    {providers::kStationProvider,
+     [](Context& context, std::string_view symbol) {
+       providers::FetchStationSymbols(context, providers::kStationProvider, platform::AsciiUpper(symbol));
+     },
+     providers::StationSymbolField},
+    {kTradierProvider, FillFromLookup, TradierOrVendorField},
+};
+
+}  // namespace
+
+std::string PegaTickFatorLote(Context& context, std::string_view symbol, std::string_view question) {
+  if (symbol.empty()) return {};
+  for (const ProviderRow& row : kProviders) {
+    if (row.name != context.providerName) continue;
+    const std::string key = platform::AsciiUpper(symbol);
+    std::string entry = context.store.GetSetting(row.name, kSymbolsSection, key);
+    if (entry.empty()) {
+      platform::IgnoreErrors([&] { row.fill(context, symbol); });
+      entry = context.store.GetSetting(row.name, kSymbolsSection, key);
+    }
+    std::string answer;
+    platform::IgnoreErrors([&] { answer = row.read(entry, platform::AsciiLower(question)); });
+    return answer;
+  }
+  return {};
+}
+
+}  // namespace quenmark::feeder
