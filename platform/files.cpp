@@ -167,7 +167,7 @@ std::string ProgramFolder() {
 
 std::string StorePath() {
   if (const std::string named = Normalised(Environment("FEEDER_STORE")); !named.empty()) return named;
-  // A relative folder in either variable is invalid (XDG Base Directory Specification) and is passed over.
+  // A relative folder in either variable is invalid (XDG base directories) and is passed over.
   constexpr const char* kName = "/quenmark/settings.db";
   if (const std::string data = Environment("XDG_DATA_HOME"); IsAbsolute(data)) return data + kName;
   if (const std::string home = Environment("HOME"); IsAbsolute(home)) return home + "/.local/share" + kName;

@@ -16,7 +16,8 @@ inline constexpr std::int32_t kErrorDivisionByZero = 11;
 inline constexpr std::int32_t kErrorTypeMismatch = 13;
 inline constexpr std::int32_t kErrorDuplicateKey = 457;
 
-// Raised by platform seams and helpers. The description is fit for a log: it never holds a credential or an address query.
+// Raised by platform seams and helpers. The description is fit for a log: it never holds a credential or an address
+// query.
 class RunTimeError : public std::exception {
  public:
   RunTimeError(std::int32_t number, std::string description, std::string source = {})

@@ -1,8 +1,8 @@
 // The settings store: string values addressed by application name, section and key, shared by several processes.
 //
-// Names compare without regard to the case of A to Z and keep the spelling of their first save. A missing value reads as "".
-// Stored order is the order of first insertion: saving an existing key keeps its place, deleting and saving again moves it
-// to the end. Names and values may hold any bytes.
+// Names compare without regard to the case of A to Z and keep the spelling of their first save. A missing value reads
+// as "". Stored order is the order of first insertion: saving an existing key keeps its place, deleting and saving
+// again moves it to the end. Names and values may hold any bytes.
 #pragma once
 
 #include <cstdint>
