@@ -20,7 +20,7 @@ class Bars : public ::testing::Test {
   Bars() { std::filesystem::create_directory(folder.File("data")); }
   std::string File(const std::string& name) { return platform::ReadWholeFile(folder.File("data/mdi_" + name)); }
 
-  TemporaryFolder folder;
+  TemporaryFolder folder{TemporaryFolder::Fast()};
   feeder::BarBuilder bars{folder.Path()};
 };
 

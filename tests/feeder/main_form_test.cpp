@@ -1,5 +1,6 @@
 #include "feeder/main_form.h"
 
+#include "feeder/quote_record.h"
 #include "platform/number_text.h"
 #include "tests/support/feeder_fixture.h"
 #include "tests/support/simulator_process.h"
@@ -47,6 +48,16 @@ class MainForm : public FeederFixture {
     const std::string record = Feeder(symbol);
     return std::string(feeder::SplitQuoteRecord(record)[field]);
   }
+  // What the record must show for a price that was sent, and for a volume: before the first trade of a day last stands in
+  // for a null, and 1 for no volume.
+  std::string PriceOf(const std::string& symbol, const char* field) {
+    const std::string sent = Sent(symbol, "quote", field);
+    return NumberOf(sent == "null" ? Sent(symbol, "quote", "last") : sent);
+  }
+  std::string VolumeOf(const std::string& symbol) {
+    const std::string sent = Sent(symbol, "quote", "volume");
+    return sent == "0" ? "1" : sent;
+  }
   static std::string NumberOf(const std::string& text) { return platform::NumberText(platform::ReadNumber(text)); }
 
   feeder::frmPBF& Start() {
@@ -80,8 +91,8 @@ TEST_F(MainForm, FirstTickWritesWhatTheProviderSent) {
   Start();
   for (const std::string symbol : {"AAPL", "MSFT"}) {
     EXPECT_EQ(Field(symbol, feeder::kLast), NumberOf(Sent(symbol, "quote", "last")));
-    EXPECT_EQ(Field(symbol, feeder::kHigh), NumberOf(Sent(symbol, "quote", "high")));
-    EXPECT_EQ(Field(symbol, feeder::kVolume), NumberOf(Sent(symbol, "quote", "volume")));
+    EXPECT_EQ(Field(symbol, feeder::kHigh), PriceOf(symbol, "high"));
+    EXPECT_EQ(Field(symbol, feeder::kVolume), VolumeOf(symbol));
     EXPECT_EQ(Feeder(symbol + "-pc"), NumberOf(Sent(symbol, "quote", "prevclose")));
     EXPECT_EQ(Feeder(symbol + "-bid@ask"), Sent(symbol, "quote", "bid") + "|" + Sent(symbol, "quote", "bidsize") + "@" +
                                                Sent(symbol, "quote", "ask") + "|" + Sent(symbol, "quote", "asksize"));

@@ -118,11 +118,12 @@ TEST_F(Orders, WalkHandlesEveryEntryAndKeepsTheRest) {
     Put("Ord-Qty", id, "10");
   }
   Put("Ord-Qty", "1", "none");
+  Put("Ord-Qty", "3", "4");
   Check(10);
   EXPECT_EQ(store->GetAllSettings("KLV-PT", "Open-SYM"), (platform::SettingsStore::Pairs{{"B|2", "9"}}));
   EXPECT_EQ(store->GetAllSettings("KLV-PT", "Today-SYM").size(), 3u);
   EXPECT_EQ(At("Open-OTHER", "B|5"), "12");
-  EXPECT_EQ(At("Pos", "SYM"), "10");
+  EXPECT_EQ(At("Pos", "SYM"), "6");
 }
 
 TEST_F(Orders, ConflictIsToldNewestFirst) {

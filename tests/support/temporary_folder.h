@@ -11,10 +11,15 @@ namespace quenmark::test {
 
 class TemporaryFolder {
  public:
-  TemporaryFolder() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "quenmark-XXXXXX").string();
+  TemporaryFolder() : TemporaryFolder(std::filesystem::temp_directory_path()) {}
+  explicit TemporaryFolder(const std::filesystem::path& parent) {
+    std::string pattern = (parent / "quenmark-XXXXXX").string();
     if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("no temporary folder");
     m_path = pattern;
+  }
+  // In memory where the machine has that, for tests that write very many files.
+  static std::filesystem::path Fast() {
+    return std::filesystem::is_directory("/dev/shm") ? "/dev/shm" : std::filesystem::temp_directory_path();
   }
   ~TemporaryFolder() {
     std::error_code ignored;
