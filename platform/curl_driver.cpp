@@ -12,7 +12,6 @@ namespace quenmark::platform {
 namespace {
 
 constexpr long kLargestHead = 512 * 1024;  // bytes
-
 constexpr long kIdleConnections = 16;
 
 CURLM* MakeMulti() {
