@@ -16,9 +16,9 @@ namespace {
 using namespace std::chrono_literals;
 
 // Lengths of the log in pages of 1 KB.
-constexpr std::uint32_t kCheckpointPages = 8192;  // a checkpoint begins
-constexpr std::uint32_t kRestartPages = 24'576;   // a checkpoint makes the log start over
-constexpr std::uint32_t kLongestPages = 65'536;   // writers wait for the checkpoint under way
+constexpr std::uint32_t kCheckpointPages = 16'384;  // a checkpoint begins
+constexpr std::uint32_t kRestartPages = 65'536;     // a checkpoint makes the log start over
+constexpr std::uint32_t kLongestPages = 131'072;    // writers wait for the checkpoint under way
 constexpr auto kLongestWait = 15ms;
 
 }  // namespace

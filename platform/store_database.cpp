@@ -26,9 +26,8 @@ constexpr std::int64_t kApplicationId = 0x514D5354;  // "QMST"
 // A burst keeps writing for this long, or this many transactions, while a rival waits.
 constexpr auto kTimeSlice = 1ms;
 constexpr int kSliceTransactions = 64;
-// A rival that has not got its transaction under way by then is taken to be stopped.
-constexpr auto kLongestGiveWay = 20ms;
-constexpr auto kIgnoreStoppedRival = 1s;
+// When the queue has not moved on by then, somebody in it is taken to be stopped.
+constexpr auto kLongestQueue = 50ms;
 
 constexpr const char* kSchema = R"(
 CREATE TABLE application(
@@ -152,7 +151,7 @@ std::optional<std::int64_t> SingleInteger(Statement& statement) {
 }
 
 StoreDatabase::StoreDatabase(const std::string& path, Clock& clock, std::chrono::milliseconds busyLimit)
-    : m_clock(clock), m_busyLimit(busyLimit) {
+    : m_clock(clock), m_busyLimit(busyLimit), m_waitLimit(busyLimit) {
   PreparePath(path);
   sqlite3* handle = nullptr;
   const int code = sqlite3_open_v2(path.c_str(), &handle, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
@@ -162,8 +161,7 @@ StoreDatabase::StoreDatabase(const std::string& path, Clock& clock, std::chrono:
                        fmt::format("The settings file {} cannot be opened: {}.", path, sqlite3_errmsg(handle)));
   }
   sqlite3_extended_result_codes(handle, 1);
-  m_wait.limit = m_busyLimit;
-  sqlite3_busy_handler(handle, OnBusy, &m_wait);
+  sqlite3_busy_handler(handle, OnBusy, this);
   // A file that turns out not to be ours is not even checkpointed.
   sqlite3_db_config(handle, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
   CheckOrCreate(path);
@@ -199,7 +197,7 @@ void StoreDatabase::CheckOrCreate(const std::string& path) {
     if (sqlite3_db_readonly(Handle(), "main") == 1) {
       throw RunTimeError(kErrorStoreFault, fmt::format("The settings file {} is not writable.", path));
     }
-    m_turn.emplace(path + "-turn");
+    m_turn.emplace(path + "-turn", m_clock);
     if (isNew) {
       Create(path);
     } else {
@@ -218,7 +216,8 @@ bool StoreDatabase::IsEmpty() {
 
 void StoreDatabase::Create(const std::string& path) {
   // Processes that start together make the file one after the other: the change to WAL mode does not wait by itself.
-  for (auto waited = 0us; !m_turn->TryTake() && waited < m_busyLimit; waited += 1ms) std::this_thread::sleep_for(1ms);
+  m_turn->Enter();
+  for (auto waited = 0us; !m_turn->IsFirst() && waited < m_busyLimit; waited += 1ms) std::this_thread::sleep_for(1ms);
   for (auto waited = 0us;; waited += 1ms) {
     try {
       Execute("PRAGMA page_size=1024; PRAGMA journal_mode=WAL");
@@ -234,7 +233,7 @@ void StoreDatabase::Create(const std::string& path) {
     Execute(fmt::format("PRAGMA application_id={}; PRAGMA user_version={}", kApplicationId, kSchemaVersion).c_str());
   }
   Execute("COMMIT");
-  m_turn->Release();
+  m_turn->Leave();
   if (Query("PRAGMA user_version") != kSchemaVersion || Query("PRAGMA application_id") != kApplicationId) {
     throw RunTimeError(kErrorStoreFault, fmt::format("The file {} has just been made by another program.", path));
   }
@@ -281,17 +280,8 @@ bool StoreDatabase::SeesForeignChange() {
 
 void StoreDatabase::BeginWrite(std::chrono::milliseconds busyLimit) {
   GiveWay();
-  m_wait.turn = &*m_turn;
-  m_wait.limit = busyLimit;
-  try {
-    m_begin->Run();
-  } catch (...) {
-    m_wait = {nullptr, 0us, m_busyLimit};
-    m_turn->Release();
-    throw;
-  }
-  m_wait = {nullptr, 0us, m_busyLimit};
-  m_turn->Release();
+  const WaitToWrite wait(*this, busyLimit);
+  m_begin->Run();
 }
 
 void StoreDatabase::CommitWrite(bool changed) {
@@ -313,42 +303,50 @@ void StoreDatabase::GiveWay() {
     return;
   }
   const MonotonicTime now = m_clock.Monotonic();
-  if (now < m_ignoreRivalsUntil) return;
   if (!m_rivalSince) {
     m_rivalSince = now;
     m_transactionsBeforeRival = 0;
   }
   if (now - *m_rivalSince < kTimeSlice && ++m_transactionsBeforeRival < kSliceTransactions) return;
   m_rivalSince.reset();
-  int tries = 0;
-  for (auto waited = 0us; waited < kLongestGiveWay;) {
-    if (m_turn->TryTake()) return;
-    if (++tries < 20) {
-      std::this_thread::yield();
-      waited += 1us;
-    } else {
-      std::this_thread::sleep_for(50us);
-      waited += 110us;  // with the kernel's timer slack
-    }
-  }
-  m_ignoreRivalsUntil = now + kIgnoreStoppedRival;
+  m_turn->Enter();
+  AwaitTurn();
 }
 
-// Called by SQLite when a lock is taken; answers whether to try again. Short transactions end soon, so it looks again
-// at once a few times before it sleeps.
-int StoreDatabase::OnBusy(void* context, int count) {
-  auto& wait = *static_cast<BusyWait*>(context);
-  if (count == 0) wait.waited = 0us;
-  if (wait.waited >= wait.limit) return 0;
-  if (wait.turn != nullptr) wait.turn->TryTake();
-  if (count < 20) {
-    std::this_thread::yield();
-    wait.waited += 1us;
-    return 1;
+// Waits until the own place in the queue is the first, but no longer than a living queue could take.
+void StoreDatabase::AwaitTurn() {
+  auto waited = 0us;
+  for (int tries = 0; !m_turn->IsFirst(); ++tries) {
+    waited += Pause(tries);
+    if (waited >= kLongestQueue) return m_turn->Overlook();
   }
-  const auto nap = count < 200 ? 50us : 500us;
+}
+
+// Transactions are short, so who waits looks again at once a few times before it sleeps. Returns the time it took,
+// roughly.
+std::chrono::microseconds StoreDatabase::Pause(int tries) {
+  constexpr int kYields = 20;
+  constexpr int kShortNaps = 200;
+  constexpr auto kTimerSlack = 60us;  // by which the kernel lets a sleep be longer
+  if (tries < kYields) {
+    std::this_thread::yield();
+    return 1us;
+  }
+  const auto nap = tries < kShortNaps ? 50us : 500us;
   std::this_thread::sleep_for(nap);
-  wait.waited += nap + 60us;  // the kernel's timer slack
+  return nap + kTimerSlack;
+}
+
+// Called by SQLite when a lock is taken; answers whether to try again.
+int StoreDatabase::OnBusy(void* context, int count) {
+  auto& self = *static_cast<StoreDatabase*>(context);
+  if (count == 0) self.m_waited = 0us;
+  if (self.m_waited >= self.m_waitLimit) return 0;
+  if (self.m_waitsToWrite) {
+    self.m_turn->Enter();
+    self.AwaitTurn();
+  }
+  self.m_waited += Pause(count);
   return 1;
 }
 
@@ -365,10 +363,8 @@ void StoreDatabase::Checkpoint(std::uint32_t restartPages) {
   // When a long-lived reader holds the log, making writers wait would be in vain.
   const bool held = logged - copied > logged / 2;
   if (logged < 0 || held || LogPages() < restartPages) return;
-  m_wait = {&*m_turn, 0us, 10ms};
+  const WaitToWrite wait(*this, 10ms);
   sqlite3_wal_checkpoint_v2(Handle(), nullptr, SQLITE_CHECKPOINT_RESTART, nullptr, nullptr);
-  m_wait = {nullptr, 0us, m_busyLimit};
-  m_turn->Release();
 }
 
 }  // namespace quenmark::platform

@@ -91,11 +91,23 @@ class StoreDatabase {
     void operator()(sqlite3* handle) const { sqlite3_close(handle); }
   };
 
-  // How long SQLite's call under way has waited, and for how long it may.
-  struct BusyWait {
-    StoreTurn* turn = nullptr;  // to stand in while waiting; null for calls that do not write
-    std::chrono::microseconds waited{0};
-    std::chrono::microseconds limit{0};
+  // While it lives, SQLite's calls wait for the write lock in the queue; afterwards the place is given up.
+  class WaitToWrite {
+   public:
+    WaitToWrite(StoreDatabase& database, std::chrono::microseconds limit) : m_database(database) {
+      m_database.m_waitsToWrite = true;
+      m_database.m_waitLimit = limit;
+    }
+    ~WaitToWrite() {
+      m_database.m_waitsToWrite = false;
+      m_database.m_waitLimit = m_database.m_busyLimit;
+      m_database.m_turn->Leave();
+    }
+    WaitToWrite(const WaitToWrite&) = delete;
+    WaitToWrite& operator=(const WaitToWrite&) = delete;
+
+   private:
+    StoreDatabase& m_database;
   };
   static int OnBusy(void* context, int count);
 
@@ -107,11 +119,15 @@ class StoreDatabase {
   void MapIndex(const std::string& path);
   Mark CurrentMark() const;
   void GiveWay();
+  void AwaitTurn();
+  static std::chrono::microseconds Pause(int tries);
 
   Clock& m_clock;
   std::chrono::microseconds m_busyLimit;
   std::optional<StoreTurn> m_turn;
-  BusyWait m_wait;
+  bool m_waitsToWrite = false;
+  std::chrono::microseconds m_waitLimit;  // of SQLite's call under way, and how long it has waited
+  std::chrono::microseconds m_waited{0};
   std::unique_ptr<sqlite3, Close> m_handle;
   std::optional<Statement> m_begin;
   std::optional<Statement> m_commit;
@@ -123,7 +139,6 @@ class StoreDatabase {
   // Since when and for how many transactions a rival has been waiting.
   std::optional<MonotonicTime> m_rivalSince;
   int m_transactionsBeforeRival = 0;
-  MonotonicTime m_ignoreRivalsUntil{};
 };
 
 }  // namespace quenmark::platform
