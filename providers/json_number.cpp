@@ -107,7 +107,7 @@ bool Fits(const Scanned& number) {
 void Write(const Scanned& number, std::string& result) {
   result.clear();
   if (number.digits.empty()) {
-    result = "0";
+    result.assign(1, '0');
     return;
   }
   if (number.negative) result += '-';
