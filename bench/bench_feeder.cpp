@@ -29,6 +29,7 @@ class InstantRequest final : public platform::HttpRequest {
 class InstantHttp final : public platform::HttpClient {
  public:
   std::unique_ptr<platform::HttpRequest> CreateRequest() override { return std::make_unique<InstantRequest>(); }
+  std::unique_ptr<platform::HttpStream> CreateStream() override { return nullptr; }
   void SetLimits(const platform::HttpLimits&) override {}
 };
 

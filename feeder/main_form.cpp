@@ -36,12 +36,13 @@ frmPBF::frmPBF(providers::Context& context)
     : m_context(context),
       m_timer1(
           context.loop, 3000ms, [this] { Timer1_Timer(); }, platform::TimerKind::kMainTick),
-      m_timer2(context.loop, 500ms, [this] { m_timer2.SetEnabled(false); }),
+      m_timer2(context.loop, 500ms, [this] { m_stationStream.Restart(); }),
       m_timerNews(context.loop, 30000ms, [this] { PollNews(); }),
       m_timerClose(context.loop, 60000ms, [this] { TimerClose_Timer(); }),
       m_timerwTS(context.loop, 500ms, [this] { m_timerwTS.SetEnabled(false); }),
       m_tradierPolling(context, m_openSymbols, m_subscribedList,
-                       [this](std::chrono::milliseconds interval) { m_timer1.SetInterval(interval); }) {}
+                       [this](std::chrono::milliseconds interval) { m_timer1.SetInterval(interval); }),
+      m_stationStream(context, m_openSymbols, m_subscribedList, m_timer2) {}
 
 void frmPBF::Form_Load() {
   IgnoreErrors([&] { ReadConfiguration(); });
@@ -126,7 +127,7 @@ frmPBF::TickEnd frmPBF::RunProviderBranch() {
     RunVendorQuotes();
   } else if (Contains(lower, "tradestation")) {
     PrepareBrokerBranch();
-    RunTradeStation();
+    m_stationStream.Tick();
   } else if (Contains(lower, "tradier")) {
     PrepareBrokerBranch();
     return RunTradier();
@@ -187,8 +188,6 @@ void frmPBF::RefreshProcesses() {
 frmPBF::TickEnd frmPBF::RunLiveTradier() {
   return TickEnd::kAtOnce;
 }
-
-void frmPBF::RunTradeStation() {}
 
 void frmPBF::RunVendorQuotes() {}
 

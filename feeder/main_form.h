@@ -1,6 +1,7 @@
 // The main form: start-up, the five timers, the main tick with its provider branches, and the exits.
 #pragma once
 
+#include "feeder/station_stream.h"
 #include "feeder/tradier_polling.h"
 #include "platform/message_loop.h"
 #include "providers/context.h"
@@ -59,7 +60,6 @@ class frmPBF {
 
   // Where the branches of the other providers begin; none of them touches the store yet.
   TickEnd RunLiveTradier();
-  void RunTradeStation();
   void RunVendorQuotes();
   void PollNews();
 
@@ -77,6 +77,7 @@ class frmPBF {
   providers::DescribedSymbols m_described;
   std::vector<platform::ProcessEntry> m_processes;  // walked once per tick
   TradierPolling m_tradierPolling;
+  StationStream m_stationStream;
 };
 
 }  // namespace quenmark::feeder

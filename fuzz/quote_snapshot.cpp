@@ -29,6 +29,7 @@ class NoRequest final : public platform::HttpRequest {
 class NoHttp final : public platform::HttpClient {
  public:
   std::unique_ptr<platform::HttpRequest> CreateRequest() override { return std::make_unique<NoRequest>(); }
+  std::unique_ptr<platform::HttpStream> CreateStream() override { return nullptr; }
   void SetLimits(const platform::HttpLimits&) override {}
 };
 

@@ -2,6 +2,8 @@
 
 #include "platform/code_page.h"
 #include "platform/curl_driver.h"
+#include "platform/curl_list.h"
+#include "platform/curl_stream.h"
 #include "platform/http_address.h"
 #include "platform/message_loop.h"
 #include "platform/response_text.h"
@@ -31,19 +33,6 @@ struct ClientState {
   CurlDriver driver;
   const std::string userAgent;
   HttpLimits limits;
-};
-
-struct HeaderList {
-  void Add(const std::string& line) {
-    // curl_slist_append gives nullptr when memory is short and leaves the list as it was.
-    if (curl_slist* longer = curl_slist_append(first, line.c_str()); longer != nullptr) first = longer;
-  }
-  HeaderList() = default;
-  HeaderList(const HeaderList&) = delete;
-  HeaderList& operator=(const HeaderList&) = delete;
-  ~HeaderList() { curl_slist_free_all(first); }
-
-  curl_slist* first = nullptr;
 };
 
 // A handler's exception that leaves a wait takes the transfer with it.
@@ -137,9 +126,9 @@ class Exchange final : public CurlTransfer {
   void Follow(Hop& hop);
   std::optional<Hop> Redirect(const Hop& hop) const;
   void Perform(const Hop& hop, microseconds left);
-  void SetOptions(const Hop& hop, microseconds left, HeaderList& headers);
+  void SetOptions(const Hop& hop, microseconds left, CurlList& headers);
   void SetMethod(const Hop& hop);
-  void AddHeaders(const Hop& hop, HeaderList& headers) const;
+  void AddHeaders(const Hop& hop, CurlList& headers) const;
   bool HasHeader(std::string_view name) const;
   [[noreturn]] void RaiseResult(CURLcode code, const HttpAddress& address) const;
   void Finished(CURLcode result) override { m_result = result; }
@@ -255,7 +244,7 @@ std::optional<Exchange::Hop> Exchange::Redirect(const Hop& hop) const {
 }
 
 void Exchange::Perform(const Hop& hop, microseconds left) {
-  HeaderList headers;
+  CurlList headers;
   m_body.clear();
   m_headSize = 0;
   m_tooLarge = false;
@@ -271,7 +260,7 @@ void Exchange::Perform(const Hop& hop, microseconds left) {
   if (*m_result != CURLE_OK) RaiseResult(*m_result, hop.address);
 }
 
-void Exchange::SetOptions(const Hop& hop, microseconds left, HeaderList& headers) {
+void Exchange::SetOptions(const Hop& hop, microseconds left, CurlList& headers) {
   CURL* const handle = m_handle.get();
   m_client->driver.Prepare(handle, hop.url);
   SetMethod(hop);
@@ -310,7 +299,7 @@ void Exchange::SetMethod(const Hop& hop) {
   if (hop.method != "POST") curl_easy_setopt(handle, CURLOPT_CUSTOMREQUEST, hop.method.c_str());
 }
 
-void Exchange::AddHeaders(const Hop& hop, HeaderList& headers) const {
+void Exchange::AddHeaders(const Hop& hop, CurlList& headers) const {
   for (const Header& header : m_headers) {
     if (!hop.sameOrigin && IsOneOf(header.name, {"Authorization", "Proxy-Authorization", "Cookie"})) continue;
     if (hop.body.empty() && hop.method != m_method && IsOneOf(header.name, {"Content-Type"})) continue;
@@ -379,6 +368,9 @@ class CurlHttpClient final : public HttpClient {
       : m_state(std::make_shared<ClientState>(loop, std::move(userAgent))) {}
 
   std::unique_ptr<HttpRequest> CreateRequest() override { return std::make_unique<CurlHttpRequest>(m_state); }
+  std::unique_ptr<HttpStream> CreateStream() override {
+    return MakeCurlStream(m_state, m_state->driver, m_state->limits);
+  }
   void SetLimits(const HttpLimits& limits) override { m_state->limits = limits; }
 
  private:

@@ -7,6 +7,8 @@
 // names.
 #pragma once
 
+#include "platform/http_stream.h"
+
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -64,6 +66,7 @@ class HttpClient {
  public:
   virtual ~HttpClient() = default;
   virtual std::unique_ptr<HttpRequest> CreateRequest() = 0;
+  virtual std::unique_ptr<HttpStream> CreateStream() = 0;
   // Applies to requests opened from now on.
   virtual void SetLimits(const HttpLimits& limits) = 0;
 };

@@ -1,0 +1,79 @@
+#include "providers/quote_scan.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace quenmark::test {
+namespace {
+
+constexpr const char* kFull =
+    R"({"Symbol":"spy","Open":"1.5","PreviousClose":"1.4","Last":"1.6","Ask":"1.7","AskSize":"40","Bid":"1.5",)"
+    R"("BidSize":"80","Restrictions":[],"TradeTime":"2026-05-10T18:00:23Z","MarketFlags":{"IsDelayed":false,)"
+    R"("IsHalted":false},"LastSize":"125","LastVenue":"ARCX"})";
+constexpr const char* kFullQuote = "SPY|1.6|2026-05-10t18:00:23z|1.5|80|1.7|40;";
+constexpr const char* kUpdate = R"({"Symbol":"SPY","Last":"1.65","TradeTime":"2026-05-10T18:00:24Z"})";
+constexpr const char* kUpdateQuote = "SPY|1.65|2026-05-10t18:00:24z;";
+
+// The quotes found in a text that arrives in pieces.
+class Scanned {
+ public:
+  std::string operator()(const std::vector<std::string_view>& pieces) {
+    std::string found;
+    providers::QuoteScan scan([&found](const providers::StreamQuote& quote) {
+      found.append(quote.symbol).append("|").append(quote.last).append("|").append(quote.tradeTime);
+      if (quote.hasBook) {
+        for (const std::string_view value : {quote.bid, quote.bidSize, quote.ask, quote.askSize}) {
+          found.append("|").append(value);
+        }
+      }
+      found += ';';
+    });
+    for (const std::string_view piece : pieces) scan.Feed(piece);
+    return found;
+  }
+};
+
+struct ScanCase {
+  const char* name;
+  std::string text;
+  std::string quotes;
+};
+
+class QuoteScanRows : public ::testing::TestWithParam<ScanCase> {};
+
+TEST_P(QuoteScanRows, SameQuotesHoweverTheTextIsCut) {
+  const std::string_view text = GetParam().text;
+  EXPECT_EQ(Scanned()({text}), GetParam().quotes);
+  std::vector<std::string_view> bytes;
+  for (std::size_t i = 0; i < text.size(); ++i) bytes.push_back(text.substr(i, 1));
+  EXPECT_EQ(Scanned()(bytes), GetParam().quotes);
+  for (std::size_t cut = 0; cut <= text.size(); ++cut) {
+    ASSERT_EQ(Scanned()({text.substr(0, cut), text.substr(cut)}), GetParam().quotes) << cut;
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Rows, QuoteScanRows,
+    ::testing::Values(
+        ScanCase{"WholeObject", kFull, kFullQuote}, ScanCase{"Update", kUpdate, kUpdateQuote},
+        ScanCase{"ControlObjectsBetween",
+                 std::string(kFull) + "\r\n{\"Heartbeat\":1,\"Timestamp\":\"2026-05-10T18:00:23Z\"}\r\n" + kUpdate +
+                     "{\"StreamStatus\":\"GoAway\"}{\"Symbol\":\"AAPL\",\"Error\":\"DualLogon\"}" + kFull,
+                 std::string(kFullQuote) + kUpdateQuote + kFullQuote},
+        ScanCase{"FragmentAtTheStart", R"("Last":"1","TradeTime":"x"})" + std::string(kUpdate), kUpdateQuote},
+        ScanCase{"OpenObjectAtTheEnd", std::string(kUpdate) + R"({"Symbol":"A","Last":"1","TradeTime":"20)",
+                 kUpdateQuote},
+        ScanCase{"MarkerMissing", R"({"Symbol":"A","Last":"1"})" + std::string(kUpdate), kUpdateQuote},
+        ScanCase{"BracesAndQuotesInTexts", R"({"X":"}{\"","Symbol":"A","Last":"1","TradeTime":"T"})", "A|1|t;"},
+        ScanCase{"LineBreakInATextDropsItsObject", "{\"Symbol\":\"A\n" + std::string(kUpdate), kUpdateQuote}),
+    [](const auto& row) { return row.param.name; });
+
+TEST(QuoteScan, DropsAnObjectAboveTheLimitAndGoesOn) {
+  const std::string huge = "{\"Symbol\":\"" + std::string(providers::QuoteScan::kLargestObject, 'A');
+  EXPECT_EQ(Scanned()({huge, "\"}\n", kUpdate}), kUpdateQuote);
+}
+
+}  // namespace
+}  // namespace quenmark::test
