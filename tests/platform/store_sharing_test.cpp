@@ -169,8 +169,15 @@ TEST_F(StoreSharing, AFullDiskDelaysWritesAndDropsNone) {
       if (store->GetSetting("a", "s", "k") != value) throw RunTimeError(1, "a pending write is not seen");
       const rlimit ample{RLIM_INFINITY, RLIM_INFINITY};
       setrlimit(RLIMIT_FSIZE, &ample);
-      store->Flush();
       auto other = Open();
+      // Another section gets the row that the failed commit had made for ours.
+      other->SaveSetting("a", "theirs", "uncached " + std::to_string(room), "x");
+      other->Flush();
+      if (!store->GetSetting("a", "section " + std::to_string(room), "uncached " + std::to_string(room)).empty()) {
+        throw RunTimeError(1, "a section is taken for another");
+      }
+      store->Flush();
+      other->DeleteSection("a", "theirs");
       if (other->GetSetting("a", "s", "k") != value) throw RunTimeError(1, "a write was dropped");
       other->DeleteSection("a", "section " + std::to_string(room));
     }
