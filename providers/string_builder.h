@@ -27,12 +27,12 @@ class cStringBuilder {
   void Clear();
 
   void Append(std::string_view text);
-  void AppendByVal(std::string text) { Append(text); }
+  void AppendByVal(std::string_view text) { Append(text); }
   void AppendNL(std::string_view text);  // followed by CR LF
 
   // Puts the text in front of the unit at `position`. A position below 1 or behind the last unit is RunTimeError 9.
   void Insert(std::int32_t position, std::string_view text);
-  void InsertByVal(std::int32_t position, std::string text) { Insert(position, text); }
+  void InsertByVal(std::int32_t position, std::string_view text) { Insert(position, text); }
   // Takes out `count` units from `position` on. A position below 1, a negative count, or position + count behind the
   // last unit is RunTimeError 9.
   void Remove(std::int32_t position, std::int32_t count);
