@@ -8,6 +8,7 @@
 #include "providers/numbers.h"
 #include "providers/station_symbols.h"
 #include "providers/symbol_directory.h"
+#include "providers/text_pieces.h"
 
 #include <cmath>
 
@@ -36,7 +37,7 @@ void StoreSecurity(Context& context, const JsonValue& security) {
 }
 
 void FillFromLookup(Context& context, std::string_view symbol) {
-  const std::string answer = ApiRequest(context, "markets/lookup?q=" + std::string(symbol));
+  const std::string answer = ApiRequest(context, "markets/lookup?q=" + providers::InQuery(symbol));
   if (answer.starts_with(providers::kRequestFailed)) return;
   const providers::JsonDocument document = providers::ParseJson(answer);
   // One match comes as a bare object, several as a list, none as null.

@@ -6,12 +6,12 @@
 namespace quenmark::feeder {
 
 std::string SnapshotPath(std::string_view symbols) {
-  return std::string("markets/quotes?symbols=").append(symbols).append("&greeks=false");
+  return std::string("markets/quotes?symbols=").append(providers::InQuery(symbols)).append("&greeks=false");
 }
 
 std::string MinuteBarsPath(std::string_view symbol, std::string_view start) {
   std::string path("markets/timesales?symbol=");
-  path.append(symbol).append("&interval=1min&start=").append(start).append("&session_filter=all");
+  path.append(providers::InQuery(symbol)).append("&interval=1min&start=").append(start).append("&session_filter=all");
   return path;
 }
 

@@ -17,12 +17,12 @@ std::string_view BeforeColon(std::string_view symbol) {
 }
 
 std::string FromTradier(Context& context, std::string_view symbol) {
-  const std::string answer = ApiRequest(context, "markets/lookup?q=" + std::string(symbol));
+  const std::string answer = ApiRequest(context, "markets/lookup?q=" + InQuery(symbol));
   return std::string(GetBetween(answer, R"("description":")", "\""));
 }
 
 std::string FromYahoo(Context& context, std::string_view symbol) {
-  const std::string query = "?query=" + std::string(symbol) + "&region=1&lang=en";
+  const std::string query = "?query=" + InQuery(symbol) + "&region=1&lang=en";
   std::string answer = GetPageText(context, context.hosts.yahoo1 + query);
   if (Contains(platform::AsciiLower(answer), "not found")) answer = GetPageText(context, context.hosts.yahoo2 + query);
   return std::string(GetBetween(answer, R"("name":")", "\""));

@@ -1,5 +1,9 @@
 #include "providers/text_pieces.h"
 
+#include <fmt/format.h>
+
+#include <iterator>
+
 namespace quenmark::providers {
 
 std::string ReplaceAll(std::string_view text, std::string_view from, std::string_view to) {
@@ -44,6 +48,20 @@ std::vector<std::string_view> Split(std::string_view text, char separator) {
 std::string_view AfterLast(std::string_view text, std::string_view marker) {
   const std::size_t found = text.rfind(marker);
   return found == std::string_view::npos ? std::string_view{} : text.substr(found + marker.size());
+}
+
+std::string InQuery(std::string_view symbols) {
+  constexpr std::string_view kSpecial = "%&#+";
+  std::string query;
+  query.reserve(symbols.size());
+  for (const char c : symbols) {
+    if (kSpecial.find(c) == std::string_view::npos) {
+      query += c;
+    } else {
+      fmt::format_to(std::back_inserter(query), "%{:02X}", c);
+    }
+  }
+  return query;
 }
 
 std::string_view ScalarAfter(std::string_view text, std::string_view marker) {

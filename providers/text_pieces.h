@@ -26,6 +26,10 @@ std::vector<std::string_view> Split(std::string_view text, char separator);
 // What follows the last occurrence of the marker; "" when it does not occur.
 std::string_view AfterLast(std::string_view text, std::string_view marker);
 
+// The symbol, or symbols, as they may stand in the query of an address: a character that would end or change it there
+// is written as %XX.
+std::string InQuery(std::string_view symbols);
+
 // What stands between the start marker and the next comma or the end of the text, trimmed; "" without the marker. So a
 // JSON number is read whether or not another field follows it.
 std::string_view ScalarAfter(std::string_view text, std::string_view marker);

@@ -52,8 +52,8 @@ std::string SimulatorProcess::SecureBase() const {
 std::string SimulatorProcess::Get(std::string_view path) const {
   return Exchange(m_httpPort, http::verb::get, path, {});
 }
-void SimulatorProcess::Post(std::string_view path, std::string_view body) const {
-  Exchange(m_httpPort, http::verb::post, path, body);
+std::string SimulatorProcess::Post(std::string_view path, std::string_view body) const {
+  return Exchange(m_httpPort, http::verb::post, path, body);
 }
 
 }  // namespace quenmark::test

@@ -23,7 +23,7 @@ class SimulatorProcess {
 
   // Control requests over plain HTTP. The answer's body; throws std::runtime_error on any status but 200.
   std::string Get(std::string_view path) const;
-  void Post(std::string_view path, std::string_view body) const;
+  std::string Post(std::string_view path, std::string_view body) const;
 
  private:
   ChildProcess m_process;
