@@ -92,7 +92,7 @@ struct HttpServer::State {
   std::optional<asio::ssl::context> tls;
 
   mutable std::mutex mutex;
-  std::condition_variable stopping;
+  std::condition_variable changed;  // `stop` or `seen`
   bool stop = false;
   std::map<std::string, HttpAnswer> answers;
   std::vector<HttpSeen> seen;
@@ -154,7 +154,12 @@ struct HttpServer::State {
     }
     const std::lock_guard lock(mutex);
     seen.push_back(one);
+    changed.notify_all();
     return one;
+  }
+
+  bool HasSeen(const std::string& path) const {
+    return std::any_of(seen.begin(), seen.end(), [&path](const HttpSeen& one) { return one.target == path; });
   }
 
   // False when the connection has been used up.
@@ -166,7 +171,8 @@ struct HttpServer::State {
       std::unique_lock lock(mutex);
       const auto found = answers.find(request.target.substr(0, request.target.find('?')));
       if (found != answers.end()) answer = found->second;
-      if (stopping.wait_for(lock, answer.delay, [this] { return stop; })) return false;
+      changed.wait(lock, [&] { return stop || answer.after.empty() || HasSeen(answer.after); });
+      if (changed.wait_for(lock, answer.delay, [this] { return stop; })) return false;
     }
     std::string wire = answer.raw.empty() ? Wire(answer, request.method != "HEAD") : answer.raw;
     if (answer.cutAfter) wire.resize(std::min(wire.size(), *answer.cutAfter));
@@ -193,7 +199,7 @@ HttpServer::~HttpServer() {
     m_state->stop = true;
     for (const int descriptor : m_state->open) shutdown(descriptor, SHUT_RDWR);
   }
-  m_state->stopping.notify_all();
+  m_state->changed.notify_all();
   shutdown(m_state->acceptor.native_handle(), SHUT_RDWR);
   m_state->accepting.join();
   for (std::thread& thread : m_state->threads) thread.join();

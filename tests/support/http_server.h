@@ -21,6 +21,7 @@ struct HttpAnswer {
   bool chunked = false;
   bool endless = false;                      // chunked, and the body is sent again and again
   std::chrono::milliseconds delay{0};        // before the answer
+  std::string after = {};                    // a path: the answer comes when that one has been asked for
   std::optional<std::size_t> cutAfter = {};  // bytes of the answer, head included, after which the connection is closed
   std::string raw = {};                      // sent in place of all that, then the connection is closed
 };
