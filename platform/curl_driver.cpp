@@ -50,8 +50,8 @@ void CurlDriver::Prepare(CURL* handle, const std::string& address) const {
   curl_easy_setopt(handle, CURLOPT_HTTP_VERSION, long{CURL_HTTP_VERSION_1_1});
   curl_easy_setopt(handle, CURLOPT_SSLVERSION, long{CURL_SSLVERSION_TLSv1_2});
   curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
-  // libcurl 7.88 stalls on a request head over TLS that does not fit into its upload buffer; thousands of symbols in one
-  // address make a large one.
+  // libcurl 7.88 stalls on a request head over TLS that does not fit into its upload buffer; thousands of symbols in
+  // one address make a large one.
   curl_easy_setopt(handle, CURLOPT_UPLOAD_BUFFERSIZE, kLargestHead);
   // A name look-up cannot be interrupted; without this, giving up on one would block until it ends by itself.
   curl_easy_setopt(handle, CURLOPT_QUICK_EXIT, 1L);
