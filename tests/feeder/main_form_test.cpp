@@ -48,8 +48,8 @@ class MainForm : public FeederFixture {
     const std::string record = Feeder(symbol);
     return std::string(feeder::SplitQuoteRecord(record)[field]);
   }
-  // What the record must show for a price that was sent, and for a volume: before the first trade of a day last stands in
-  // for a null, and 1 for no volume.
+  // What the record must show for a price that was sent, and for a volume: before the first trade of a day last stands
+  // in for a null, and 1 for no volume.
   std::string PriceOf(const std::string& symbol, const char* field) {
     const std::string sent = Sent(symbol, "quote", field);
     return NumberOf(sent == "null" ? Sent(symbol, "quote", "last") : sent);
