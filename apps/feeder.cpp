@@ -17,9 +17,13 @@ using namespace quenmark;
 int Run(platform::Log& log) {
   platform::SystemClock clock;
   platform::MessageLoop loop(clock);
+  // Before the first thread is started. It is a message of the loop, which nothing runs before the context is there.
+  providers::Context* running = nullptr;
+  const platform::StopSignals stop(loop, [&running] { running->EndProgram("stopped by a signal"); });
   const std::string storePath = platform::StorePath();
   const auto store = platform::SqliteStore::Open(storePath, clock);
   store->AttachTo(loop);
+  store->OnFault([&log](const std::string& description) { log.Error("store: {}", description); });
   const auto lock = platform::InstanceLock::TryAcquire(platform::ExecutablePath(), storePath);
   if (!lock) {
     log.Info("ending: another instance runs");
@@ -36,7 +40,7 @@ int Run(platform::Log& log) {
                              .log = log,
                              .programFolder = platform::ProgramFolder(),
                              .endProcess = [] { std::_Exit(0); }};
-  const platform::StopSignals stop(loop, [&context] { context.EndProgram("stopped by a signal"); });
+  running = &context;
   feeder::frmPBF form(context);
   form.Form_Load();
   loop.Run();

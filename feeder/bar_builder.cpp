@@ -47,7 +47,7 @@ void BarBuilder::Update(std::string_view symbol, double last, std::string_view s
   Bar& bar = m_bars[place->second];
   FoldIn(bar, last, minute);
   if (!platform::IsSafeInFileName(symbol)) return;
-  platform::IgnoreErrors([&] { platform::WriteWholeFile(FileName(symbol, kCurrentTag), BarText(bar)); });
+  platform::IgnoreErrors([&] { platform::SalvarArquivo(FileName(symbol, kCurrentTag), BarText(bar)); });
 }
 
 void BarBuilder::FoldIn(Bar& bar, double last, std::string_view minute) {

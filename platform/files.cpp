@@ -95,7 +95,7 @@ bool FileExists(std::string_view path) {
   return !path.empty() && stat(Normalised(path).c_str(), &status) == 0;
 }
 
-void WriteWholeFile(std::string_view path, std::string_view text) {
+void SalvarArquivo(std::string_view path, std::string_view text) {
   const std::string target = Normalised(path);
   const std::string temporary = fmt::format("{}.{}.tmp", target, getpid());
   unlink(temporary.c_str());  // left by a process that ended in the middle
@@ -166,7 +166,7 @@ std::string ProgramFolder() {
 }
 
 std::string StorePath() {
-  if (const std::string named = Normalised(Environment("FEEDER_STORE")); !named.empty()) return named;
+  if (std::string named = Normalised(Environment("FEEDER_STORE")); !named.empty()) return named;
   // A relative folder in either variable is invalid (XDG base directories) and is passed over.
   constexpr const char* kName = "/quenmark/settings.db";
   if (const std::string data = Environment("XDG_DATA_HOME"); IsAbsolute(data)) return data + kName;

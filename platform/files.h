@@ -10,9 +10,9 @@ namespace quenmark::platform {
 std::string ReadWholeFile(std::string_view path, std::size_t limit = 256u << 20);
 // True when the path is not empty and names something that exists.
 bool FileExists(std::string_view path);
-// Creates or replaces the file; a reader sees the old or the new text whole. A failure is a RunTimeError with number 70
-// (permission denied), 76 (path not found), 61 (disk full) or 75, and the old file stays.
-void WriteWholeFile(std::string_view path, std::string_view text);
+// Saves a file: creates or replaces it; a reader sees the old or the new text whole. A failure is a RunTimeError with
+// number 70 (permission denied), 76 (path not found), 61 (disk full) or 75, and the old file stays.
+void SalvarArquivo(std::string_view path, std::string_view text);
 // Appends to the file in one write, creating it. A failure is a RunTimeError as above, and nothing is appended.
 void AppendToFile(std::string_view path, std::string_view text);
 

@@ -42,7 +42,7 @@ std::string RawDirectory(Context& context) {
   if (context.hosts.symbolList.empty()) return {};
   std::string answer = VendorPost(context, context.hosts.symbolList + "/cad/", context.serviceCredential);
   if (!Contains(answer, kSymbolMarker)) return {};
-  platform::IgnoreErrors([&] { platform::WriteWholeFile(cacheFile, answer); });
+  platform::IgnoreErrors([&] { platform::SalvarArquivo(cacheFile, answer); });
   return answer;
 }
 

@@ -42,10 +42,10 @@ TEST(Files, WriteReplacesReadsBackAndLeavesNothingBeside) {
   EXPECT_FALSE(FileExists(path));
   EXPECT_FALSE(FileExists(""));
   const std::string text(100'000, 'x');
-  WriteWholeFile(path, text);
+  SalvarArquivo(path, text);
   EXPECT_EQ(ReadWholeFile(path), text);
   std::filesystem::permissions(path, std::filesystem::perms(0640));
-  WriteWholeFile(folder.Path() + "\\a.txt", std::string("\0\xFF", 2));
+  SalvarArquivo(folder.Path() + "\\a.txt", std::string("\0\xFF", 2));
   EXPECT_EQ(ReadWholeFile(folder.Path() + "\\a.txt"), std::string("\0\xFF", 2));
   EXPECT_EQ(ModeOf(path), 0640u);
   EXPECT_EQ(EntriesIn(folder.Path()), 1u);
@@ -54,7 +54,7 @@ TEST(Files, WriteReplacesReadsBackAndLeavesNothingBeside) {
 
 TEST(Files, ReadHasALimitAndTakesRegularFilesOnly) {
   const test::TemporaryFolder folder;
-  WriteWholeFile(folder.File("a"), "12345");
+  SalvarArquivo(folder.File("a"), "12345");
   EXPECT_EQ(ReadWholeFile(folder.File("a"), 5), "12345");
   EXPECT_EQ(ReadWholeFile(folder.File("a"), 4), "");
   EXPECT_NE(ReadWholeFile("/proc/self/status"), "");  // tells size 0
@@ -74,10 +74,10 @@ TEST(Files, AppendCreatesAndAdds) {
 
 TEST(Files, FailuresAreNumberedAndKeepTheOldContents) {
   const test::TemporaryFolder folder;
-  EXPECT_EQ(NumberOf([&] { WriteWholeFile(folder.File("no/a"), "x"); }), 76);
+  EXPECT_EQ(NumberOf([&] { SalvarArquivo(folder.File("no/a"), "x"); }), 76);
   EXPECT_EQ(NumberOf([&] { AppendToFile(folder.File("no/a"), "x"); }), 76);
   EXPECT_EQ(NumberOf([&] { AppendToFile(folder.Path(), "x"); }), 75);
-  WriteWholeFile(folder.File("a"), "old");
+  SalvarArquivo(folder.File("a"), "old");
   const auto oldTreatment = signal(SIGXFSZ, SIG_IGN);
   rlimit old{};
   getrlimit(RLIMIT_FSIZE, &old);
@@ -85,7 +85,7 @@ TEST(Files, FailuresAreNumberedAndKeepTheOldContents) {
   small.rlim_cur = 4096;  // a device that is full after so many bytes
   setrlimit(RLIMIT_FSIZE, &small);
   const std::string text(10'000, 'x');
-  const int write = NumberOf([&] { WriteWholeFile(folder.File("a"), text); });
+  const int write = NumberOf([&] { SalvarArquivo(folder.File("a"), text); });
   const int append = NumberOf([&] { AppendToFile(folder.File("a"), text); });
   setrlimit(RLIMIT_FSIZE, &old);
   signal(SIGXFSZ, oldTreatment);
@@ -101,7 +101,7 @@ TEST(Files, PrivateFolders) {
   CreatePrivateFolders(folder.File("a/b"));
   EXPECT_EQ(ModeOf(folder.File("a")), 0700u);
   EXPECT_EQ(ModeOf(folder.File("a/b")), 0700u);
-  WriteWholeFile(folder.File("file"), "");
+  SalvarArquivo(folder.File("file"), "");
   EXPECT_EQ(NumberOf([&] { CreatePrivateFolders(folder.File("file")); }), 76);
   EXPECT_EQ(NumberOf([&] { CreatePrivateFolders(folder.File("file/below")); }), 76);
 }

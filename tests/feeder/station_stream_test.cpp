@@ -1,0 +1,195 @@
+#include "feeder/station_stream.h"
+
+#include "tests/support/feeder_fixture.h"
+#include "tests/support/http_server.h"
+
+#include <string>
+
+namespace quenmark::test {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr const char* kTime = "2026-09-30T16:21:49Z";  // local
+
+class StreamQuotes : public FeederFixture {
+ protected:
+  std::string Written(const std::string& stored, const std::string& close, const char* last, const char* time = kTime) {
+    SetFeeder("SPY", stored);
+    SetFeeder("SPY-pc", close);
+    feeder::WriteStreamQuote(context, last, time, "SPY");
+    return Feeder("SPY");
+  }
+};
+
+struct StreamQuoteCase {
+  const char* name;
+  const char* stored;
+  const char* close;
+  const char* last;
+  const char* written;
+};
+
+class StreamQuoteRows : public StreamQuotes, public ::testing::WithParamInterface<StreamQuoteCase> {};
+
+TEST_P(StreamQuoteRows, GiveTheRecord) {
+  const StreamQuoteCase& row = GetParam();
+  EXPECT_EQ(Written(row.stored, row.close, row.last), row.written);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Rows, StreamQuoteRows,
+    ::testing::Values(StreamQuoteCase{"PricesInHundredths", "SPY-149-0.00-148-149.5-147-900-1-1-20260930162148", "148",
+                                      "150.25", "SPY-15025-1.52-148-15025-147-900-1-1-20260930162149"},
+                      StreamQuoteCase{"LowMovesToo", "SPY-149-0.00-148-149.5-147-900-1-1-20260930162148", "148",
+                                      "146.5", "SPY-14650-m1.01-148-149.5-14650-900-1-1-20260930162149"},
+                      StreamQuoteCase{"ComparedAsTheyStand", "SPY-15025-0.00-148-15025-14700-900-1-1-20260930162148",
+                                      "148", "150.5", "SPY-15050-1.69-148-15025-15050-900-1-1-20260930162149"},
+                      StreamQuoteCase{"SameSecondIsNotWritten", "SPY-149-0.00-148-149.5-147-900-1-1-20260930162149",
+                                      "148", "150.25", "SPY-149-0.00-148-149.5-147-900-1-1-20260930162149"},
+                      StreamQuoteCase{"NoNumberKeepsLastAndChange", "SPY-149-0.50-148-149.5-147-900-1-1-20260930162150",
+                                      "148", "", "SPY-149-0.50-148-149.5-147-900-1-1-20260930162149"},
+                      StreamQuoteCase{"NoNumberAndNoRecord", "", "148", "", ""},
+                      StreamQuoteCase{"NoPreviousCloseKeepsTheChange",
+                                      "SPY-149-0.50-148-149.5-147-900-1-1-20260930162148", "", "150",
+                                      "SPY-15000-0.50-148-15000-147-900-1-1-20260930162149"},
+                      StreamQuoteCase{"NegativePrice", "", "148", "-1", ""}),
+    [](const auto& row) { return row.param.name; });
+
+// The branch against a scripted server. The clock runs, so that a silent stream ends when its time is up.
+class StationTick : public FeederFixture {
+ protected:
+  static constexpr const char* kStreamPath = "/v3/marketdata/stream/quotes/SPY";
+  static constexpr const char* kObject =
+      R"({"Symbol":"SPY","Last":"150.25","Ask":"150.3","AskSize":"4","Bid":"150.2","BidSize":"8",)"
+      R"("TradeTime":"2026-09-30T20:21:49Z","MarketFlags":{"IsDelayed":false}})";
+
+  StationTick() {
+    context.providerName = "TradeStation";
+    context.apiBase = server.Address("/v3/");
+    context.accessToken = "token";
+    server.Put("/v3/marketdata/symbols/SPY", {.body = R"({"Symbols":[{"Symbol":"SPY"}],"Errors":[]})"});
+    server.Put("/v3/marketdata/quotes/SPY",
+               {.body = R"({"Quotes":[{"Symbol":"SPY","Last":"149","Open":"148","High":"149.5","Low":"147",)"
+                        R"("PreviousClose":"148","NetChangePct":"0.67","Volume":"900",)"
+                        R"("TradeTime":"2026-09-30T20:21:48Z"}],"Errors":[]})"});
+    server.Put(kStreamPath, {.body = kObject, .chunked = true});
+    OpenChart("SPY");
+  }
+
+  void Tick() {
+    open.Rebuild(context);
+    stream.Tick();
+  }
+  std::string SessionId() { return store->GetSetting("Quenmark", "API", "SID"); }
+  std::size_t Asked(const std::string& path) const {
+    std::size_t count = 0;
+    for (const HttpSeen& seen : server.Seen()) count += seen.target == path ? 1 : 0;
+    return count;
+  }
+
+  HttpServer server;
+  providers::OpenSymbols open;
+  std::string subscribed;
+  platform::Timer restart{loop, 500ms, [this] { stream.Restart(); }};
+  feeder::StationStream stream{context, open, subscribed, restart};
+};
+
+TEST_F(StationTick, SnapshotThenStream) {
+  Tick();
+  EXPECT_EQ(Feeder("SPY"), "SPY-15025-1.52-148-15025-147-900-1-1-20260930162149");
+  EXPECT_EQ(Feeder("SPY-bid@ask"), "150.2|8@150.3|4");
+  EXPECT_EQ(store->GetSetting("Dovecrest", "Feeder", "SPY"), "SPY-149-0.67-148-149.5-147-900-1-1-20260930162148");
+  EXPECT_EQ(store->GetSetting("TradeStation", "Symbols", "SPY"), R"({"Symbol":"SPY"})");
+  EXPECT_FALSE(restart.Enabled());  // the stream ended by itself
+  const HttpSeen seen = server.Seen().back();
+  EXPECT_EQ(seen.target, kStreamPath);
+  EXPECT_EQ(seen.headers.at("authorization"), "Bearer token");
+  EXPECT_EQ(seen.headers.at("content-type"), "application/vnd.tradestation.streams.v2+json");
+  Tick();  // nothing changed: only the stream is opened again
+  EXPECT_EQ(Asked("/v3/marketdata/quotes/SPY"), 1u);
+  EXPECT_EQ(Asked(kStreamPath), 2u);
+}
+
+TEST_F(StationTick, EmptyListOpensNoStream) {
+  providers::RemoveOpenChart(context, "SPY");
+  Tick();
+  EXPECT_TRUE(server.Seen().empty());
+}
+
+TEST_F(StationTick, RefusedStreamEndsTheProgram) {
+  server.Put(kStreamPath, {.status = 401, .body = "no"});
+  EXPECT_THROW(Tick(), ProgramEnded);
+  EXPECT_EQ(SessionId(), "ask_new_session");
+}
+
+TEST_F(StationTick, LostStreamAsksForANewSessionAndGoesOn) {
+  server.Put(kStreamPath, {.body = kObject, .chunked = true, .cutAfter = 300});
+  Tick();
+  EXPECT_EQ(SessionId(), "ask_new_session");
+  EXPECT_NO_THROW(Tick());
+}
+
+TEST_F(StationTick, ReadTellsWhatCame) {
+  const auto read = [this](int port, const std::string& path) {
+    providers::StreamTarget target;
+    target.host = "127.0.0.1";
+    target.port = port;
+    target.secure = false;
+    target.path = path;
+    providers::StreamHooks hooks;
+    hooks.symbolList = "\"SPY\",";
+    hooks.onQuote = [](const providers::StreamQuote&) {};
+    hooks.onTimeUp = [] {};
+    return StreamRequest(context, target, hooks);
+  };
+  const auto good = read(server.Port(), kStreamPath);
+  EXPECT_EQ(good.statusLine, "[200] OK");
+  EXPECT_EQ(std::string(good.body.begin(), good.body.end()), kObject);
+  EXPECT_EQ(good.bodyLength, static_cast<std::int32_t>(good.body.size()));
+  EXPECT_EQ(good.errorText, "");
+  const auto missing = read(server.Port(), "/nothing");
+  EXPECT_EQ(missing.statusCode, 404);
+  EXPECT_EQ(missing.errorText.substr(0, 23), "HTTP Error, Code: 404: ");
+  EXPECT_NE(missing.errorText.find("(HTTPGetResponse(), Code: 800405DD)"), std::string::npos);
+  EXPECT_EQ(read(1, "/x").errorText, "Failed to send HTTP Request (HttpSendRequest(), Code: 800403EB)");
+  EXPECT_EQ(read(0, "/x").errorText, "Failed to open an Internet connection (ii) (InternetConnect(), Code: 800403E9)");
+  EXPECT_EQ(read(server.Port(), "x").errorText, "Failed to open HTTP request (HttpOpenRequest(), Code: 800403EA)");
+}
+
+TEST_F(StationTick, TimeIsUpOnASilentStreamAndItIsOpenedAgain) {
+  // Endless updates: the reading ends when its time is up, not when the stream does.
+  server.Put(kStreamPath, {.body = std::string(kObject) + "\n", .endless = true});
+  providers::StreamTarget target;
+  target.host = "127.0.0.1";
+  target.port = server.Port();
+  target.secure = false;
+  target.path = kStreamPath;
+  providers::StreamHooks hooks;
+  hooks.symbolList = "\"SPY\",";
+  std::size_t quotes = 0;
+  hooks.onQuote = [&](const providers::StreamQuote&) {
+    ++quotes;
+    clock.Advance(1s);
+  };
+  bool timeUp = false;
+  hooks.onTimeUp = [&] { timeUp = true; };
+  const auto result = StreamRequest(context, target, hooks);
+  EXPECT_TRUE(timeUp);
+  EXPECT_GE(quotes, 5u);
+  EXPECT_EQ(result.errorText, "");
+}
+
+TEST_F(StationTick, ChangedChartsEndTheRead) {
+  server.Put(kStreamPath, {.body = std::string(kObject) + "\n", .endless = true});
+  open.Rebuild(context);
+  subscribed = open.Text();
+  store->SaveSetting("TradeStation", "Symbols", "SPY", "{}");
+  OpenChart("AAPL");
+  stream.Tick();  // acts on the list that it was given; the store's list differs already
+  EXPECT_FALSE(restart.Enabled());
+  EXPECT_EQ(SessionId(), "");
+}
+
+}  // namespace
+}  // namespace quenmark::test
