@@ -68,7 +68,7 @@ TEST(InstanceLock, ItEndsWithItsProcess) {
 
 TEST(InstanceLock, AFolderThatCannotBeIsAFault) {
   const test::TemporaryFolder folder;
-  WriteWholeFile(folder.File("file"), "");
+  SalvarArquivo(folder.File("file"), "");
   EXPECT_THROW(InstanceLock::TryAcquire("/bin/sh", folder.File("file/settings.db")), RunTimeError);
 }
 

@@ -39,7 +39,7 @@ class ProcessListTest : public ::testing::Test {
 };
 
 void WriteProgram(const std::string& path, const std::string& text) {
-  WriteWholeFile(path, text);
+  SalvarArquivo(path, text);
   std::filesystem::permissions(path, std::filesystem::perms(0700));
 }
 
@@ -153,7 +153,7 @@ TEST_F(ProcessListTest, LaunchesInTheProgramsFolderWithACleanState) {
 
 TEST_F(ProcessListTest, LaunchFailuresHaveTheShellsNumbers) {
   const test::TemporaryFolder folder;
-  WriteWholeFile(folder.File("plain"), "text");
+  SalvarArquivo(folder.File("plain"), "text");
   WriteProgram(folder.File("garbage"), "no program");
   const struct {
     std::string path;
