@@ -26,6 +26,8 @@ int main(int argc, char** argv) {
   simulator::SimulatorOptions options;
   simulator::ServiceOptions& service = options.service;
   std::string session = "open";
+  std::string provider;
+  std::string chunks = "random";
   std::vector<std::string> faults;
   app.add_option("--https-port", options.httpsPort, "port for HTTPS, 0 takes a free one");
   app.add_option("--http-port", options.httpPort, "port for HTTP, 0 takes a free one");
@@ -38,8 +40,18 @@ int main(int argc, char** argv) {
   app.add_option("--session", session, "session at start")
       ->check(CLI::IsMember({"open", "pre", "post", "closed"}))
       ->capture_default_str();
-  app.add_option("--fault", faults,
-                 "KIND[@PATH][*COUNT]; KIND is status401, status429, status500, slow[MS], cut, html, empty or huge")
+  app.add_option("--provider", provider, "serve the endpoints of this provider only")
+      ->check(CLI::IsMember({"tradier", "tradestation"}));
+  app.add_option("--rate", service.streams.rate, "updates per second on each stream")
+      ->check(CLI::Range(0.01, 100'000.0))
+      ->capture_default_str();
+  app.add_option("--chunks", chunks, "where the chunks of a stream end")
+      ->check(CLI::IsMember({"object", "random", "byte"}))
+      ->capture_default_str();
+  app.add_option(
+         "--fault", faults,
+         "KIND[@PATH][*COUNT]; KIND is status401, status429, status500, slow[MS], cut, html, empty or huge; for "
+         "streams also stall, drip, end or goaway")
       ->check(CheckFault)
       ->expected(1)
       ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
@@ -52,6 +64,9 @@ int main(int argc, char** argv) {
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? 0 : 2;
   }
+  service.provider = simulator::ParseProvider(provider);
+  service.streams.chunks = *simulator::ParseChunkBorders(chunks);
+  service.streams.seed = service.market.seed;
   service.market.session = *simulator::ParseSession(session);
   for (const std::string& fault : faults) service.faults.push_back(*simulator::ParseFault(fault));
   try {

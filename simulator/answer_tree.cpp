@@ -99,7 +99,7 @@ Node& Node::Add(std::string name, Node value) {
 Node ProviderList(std::vector<Node> elements) {
   if (elements.empty()) return Node::Null();
   if (elements.size() == 1) return std::move(elements.front());
-  return {Node::Kind::kList, {}, {}, std::move(elements)};
+  return Node::List(std::move(elements));
 }
 
 Node AsSentTexts(const Node& node) {

@@ -22,7 +22,10 @@ struct Node {
   static Node Number(std::string text) { return {Kind::kNumber, std::move(text), {}, {}}; }
   static Node Number(std::int64_t value) { return Number(std::to_string(value)); }
   static Node Text(std::string text) { return {Kind::kText, std::move(text), {}, {}}; }
+  static Node List(std::vector<Node> elements) { return {Kind::kList, {}, {}, std::move(elements)}; }
   static Node Object() { return {Kind::kObject, {}, {}, {}}; }
+
+  bool operator==(const Node&) const = default;
 
   // Appends an entry to an object and returns the object.
   Node& Add(std::string name, Node value);

@@ -34,6 +34,15 @@ int Digits(std::string_view text, std::size_t from, std::size_t digits) {
   return value;
 }
 
+std::string DateTimeText(std::int64_t time) {
+  const sys_days day = floor<std::chrono::days>(sys_seconds{seconds{time}});
+  const year_month_day date{day};
+  const std::int64_t second = (sys_seconds{seconds{time}} - day).count();
+  return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}", static_cast<int>(date.year()),
+                     static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()), second / 3600,
+                     second / 60 % 60, second % 60);
+}
+
 }  // namespace
 
 int MinutesWest(std::int64_t instant) {
@@ -64,13 +73,11 @@ std::optional<std::int64_t> ParseExchangeTime(std::string_view text) {
 }
 
 std::string ExchangeTimeText(std::int64_t instant) {
-  const sys_seconds wall{seconds{WallSeconds(instant)}};
-  const sys_days day = floor<std::chrono::days>(wall);
-  const year_month_day date{day};
-  const std::int64_t second = (wall - day).count();
-  return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}", static_cast<int>(date.year()),
-                     static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()), second / 3600,
-                     second / 60 % 60, second % 60);
+  return DateTimeText(WallSeconds(instant));
+}
+
+std::string UtcTimeText(std::int64_t instant) {
+  return DateTimeText(instant) + 'Z';
 }
 
 int MinuteOfExchangeDay(std::int64_t instant) {

@@ -19,6 +19,9 @@ std::optional<std::int64_t> ParseExchangeTime(std::string_view text);
 // "YYYY-MM-DDTHH:MM:SS" on the exchange's wall clock.
 std::string ExchangeTimeText(std::int64_t instant);
 
+// "YYYY-MM-DDTHH:MM:SSZ", UTC.
+std::string UtcTimeText(std::int64_t instant);
+
 // Minutes since the exchange's midnight.
 int MinuteOfExchangeDay(std::int64_t instant);
 

@@ -10,7 +10,7 @@ namespace {
 constexpr std::chrono::milliseconds kSlowness{3'000};
 constexpr unsigned kMostMilliseconds = 600'000;
 
-constexpr std::array<std::pair<FaultKind, std::string_view>, 8> kKinds{{
+constexpr std::array<std::pair<FaultKind, std::string_view>, 12> kKinds{{
     {FaultKind::kStatus401, "status401"},
     {FaultKind::kStatus429, "status429"},
     {FaultKind::kStatus500, "status500"},
@@ -19,6 +19,10 @@ constexpr std::array<std::pair<FaultKind, std::string_view>, 8> kKinds{{
     {FaultKind::kHtml, "html"},
     {FaultKind::kEmpty, "empty"},
     {FaultKind::kHuge, "huge"},
+    {FaultKind::kStall, "stall"},
+    {FaultKind::kDrip, "drip"},
+    {FaultKind::kEnd, "end"},
+    {FaultKind::kGoAway, "goaway"},
 }};
 
 // The whole of `text` as a number.
@@ -34,6 +38,10 @@ std::optional<unsigned> Number(std::string_view text) {
 
 std::string_view FaultName(FaultKind kind) {
   return kKinds.at(static_cast<std::size_t>(kind)).second;
+}
+
+bool OnlyHitsStreams(FaultKind kind) {
+  return kind >= FaultKind::kStall;
 }
 
 std::optional<Fault> ParseFault(std::string_view text) {
@@ -70,9 +78,9 @@ bool FaultList::Add(Fault fault) {
   return true;
 }
 
-std::optional<Fault> FaultList::Take(std::string_view target) {
+std::optional<Fault> FaultList::Take(std::string_view target, bool stream) {
   for (auto fault = m_faults.begin(); fault != m_faults.end(); ++fault) {
-    if (target.find(fault->path) == std::string_view::npos) continue;
+    if (target.find(fault->path) == std::string_view::npos || (OnlyHitsStreams(fault->kind) && !stream)) continue;
     const Fault taken = *fault;
     if (fault->count && --*fault->count == 0) m_faults.erase(fault);
     return taken;

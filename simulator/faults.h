@@ -19,8 +19,14 @@ enum class FaultKind {
   kHtml,   // a maintenance page with status 200
   kEmpty,  // status 200 and no body
   kHuge,   // the answer followed by blanks up to 50 MB
+  // Streams only:
+  kStall,   // nothing more comes
+  kDrip,    // every byte is written by itself
+  kEnd,     // the body ends regularly
+  kGoAway,  // the body ends with a "GoAway" object
 };
 std::string_view FaultName(FaultKind kind);
+bool OnlyHitsStreams(FaultKind kind);
 
 struct Fault {
   FaultKind kind;
@@ -39,8 +45,8 @@ class FaultList {
   // False when kMost faults are waiting already.
   bool Add(Fault fault);
   void Clear() { m_faults.clear(); }
-  // The earliest added fault that hits this target, counted down.
-  std::optional<Fault> Take(std::string_view target);
+  // The earliest added fault that hits this target, counted down. `stream`: it asks for a stream.
+  std::optional<Fault> Take(std::string_view target, bool stream);
 
  private:
   std::list<Fault> m_faults;

@@ -2,12 +2,15 @@
 #pragma once
 
 #include <cstddef>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
 
 namespace quenmark::simulator {
+
+class QuoteStream;
 
 using NamedTexts = std::vector<std::pair<std::string, std::string>>;
 
@@ -29,14 +32,24 @@ struct HttpAnswer {
   std::string contentType = "application/json";
   std::string contentEncoding;  // none when empty
   std::string body;
-  std::size_t padding = 0;  // blanks sent behind the body, counted in Content-Length
-  bool cut = false;         // the connection is dropped in the middle of the body
+  std::size_t padding = 0;              // blanks sent behind the body, counted in Content-Length
+  bool cut = false;                     // the connection is dropped in the middle of the body
+  std::shared_ptr<QuoteStream> stream;  // sends the body in chunks, in place of `body`; none when empty
 };
 
 // The query of a target, names and values percent-decoded ("+" is a blank), in order.
 NamedTexts QueryOf(std::string_view target);
 // The value of the first entry of that name; empty when there is none.
 std::string_view ValueOf(const NamedTexts& texts, std::string_view name);
+
+// "%XX" as the byte it stands for.
+std::string PercentDecoded(std::string_view text);
+
+// The names of a list separated by commas, upper case, each once.
+std::vector<std::string> SymbolNames(std::string_view list);
+
+// The request carries `token` as its bearer token, or any when `token` is empty.
+bool HasBearer(const HttpRequest& request, std::string_view token);
 
 std::string UpperCase(std::string_view text);
 

@@ -1,6 +1,7 @@
 #include "simulator/http_session.h"
 
 #include "simulator/http_server.h"
+#include "simulator/quote_stream.h"
 
 #include <boost/asio/steady_timer.hpp>
 #include <boost/asio/write.hpp>
@@ -16,6 +17,7 @@
 #include <chrono>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -41,12 +43,19 @@ const std::string& PaddingBlock() {
 
 std::string Head(const HttpAnswer& answer, bool keepAlive) {
   const std::string reason = http::obsolete_reason(static_cast<http::status>(answer.status)).to_string();
-  std::string head =
-      fmt::format("HTTP/1.1 {} {}\r\nContent-Type: {}\r\nContent-Length: {}\r\nConnection: {}\r\n", answer.status,
-                  reason, answer.contentType, answer.body.size() + answer.padding, keepAlive ? "keep-alive" : "close");
+  const std::string length = answer.stream ? "Transfer-Encoding: chunked"
+                                           : fmt::format("Content-Length: {}", answer.body.size() + answer.padding);
+  std::string head = fmt::format("HTTP/1.1 {} {}\r\nContent-Type: {}\r\n{}\r\nConnection: {}\r\n", answer.status,
+                                 reason, answer.contentType, length, keepAlive ? "keep-alive" : "close");
   if (!answer.contentEncoding.empty()) head += "Content-Encoding: " + answer.contentEncoding + "\r\n";
   return head + "\r\n";
 }
+
+// RFC 9112 §7.1
+std::string Chunk(const std::string& bytes) {
+  return fmt::format("{:x}\r\n{}\r\n", bytes.size(), bytes);
+}
+constexpr std::string_view kLastChunk = "0\r\n\r\n";
 
 template <typename Stream>
 class HttpSession : public std::enable_shared_from_this<HttpSession<Stream>> {
@@ -145,11 +154,87 @@ class HttpSession : public std::enable_shared_from_this<HttpSession<Stream>> {
   }
 
   void OnSent(error_code error) {
+    if (m_answer.stream) return error ? EndStream("client") : BeginStream();
     if (error) return;
     if (m_answer.cut) return Lowest().close();
+    Finish();
+  }
+
+  void Finish() {
     m_answer = {};
     if (m_keepAlive) return Read();
     Shutdown();
+  }
+
+  void BeginStream() {
+    m_begun = std::chrono::steady_clock::now();
+    m_watching = true;
+    Lowest().socket().async_wait(asio::ip::tcp::socket::wait_read, [self = this->shared_from_this()](error_code) {
+      if (self->m_watching) self->EndStream("client");  // its close, or what only a closing client sends here
+    });
+    AwaitPiece();
+  }
+
+  // Also in the middle of a write, whose end then finds no stream.
+  void EndStream(std::string_view reason) {
+    m_watching = false;
+    m_answer.stream->Close(reason);
+    m_answer = {};
+    m_timer.cancel();
+    Lowest().close();
+  }
+
+  void AwaitPiece() {
+    m_timer.expires_at(m_begun + m_answer.stream->Due());
+    m_timer.async_wait([self = this->shared_from_this()](error_code) {
+      if (self->m_answer.stream) self->SendPiece();
+    });
+  }
+
+  void SendPiece() {
+    m_piece = m_answer.stream->Next();
+    m_nextChunk = 0;
+    // A client may ask again as soon as it has the end.
+    if (m_piece.then == StreamPiece::Then::kEnd) Unwatch();
+    SendChunks();
+  }
+
+  void Unwatch() {
+    m_watching = false;
+    Lowest().socket().cancel();
+  }
+
+  void SendChunks() {
+    m_head.clear();
+    while (m_nextChunk < m_piece.chunks.size()) {
+      m_head += Chunk(m_piece.chunks[m_nextChunk++]);
+      if (m_piece.apart) break;
+    }
+    const bool done = m_nextChunk == m_piece.chunks.size();
+    if (done && m_piece.then == StreamPiece::Then::kEnd) m_head += kLastChunk;
+    if (m_head.empty()) return AfterPiece();
+    Lowest().expires_after(kIdleLimit);
+    asio::async_write(m_stream, asio::buffer(m_head),
+                      [self = this->shared_from_this(), done](error_code error, std::size_t) {
+                        if (!self->m_answer.stream) return;
+                        if (error) return self->EndStream("client");
+                        if (done) return self->AfterPiece();
+                        self->SendChunks();
+                      });
+  }
+
+  void AfterPiece() {
+    switch (m_piece.then) {
+      case StreamPiece::Then::kGoOn:
+        return AwaitPiece();
+      case StreamPiece::Then::kEnd:
+        m_answer.stream->Close("end");
+        return Finish();
+      case StreamPiece::Then::kDrop:
+        return EndStream("cut");
+      case StreamPiece::Then::kStall:
+        return;
+    }
   }
 
   void Shutdown() {
@@ -173,6 +258,11 @@ class HttpSession : public std::enable_shared_from_this<HttpSession<Stream>> {
   HttpAnswer m_answer;
   std::string m_head;
   bool m_keepAlive = false;
+  // While m_answer.stream is set:
+  std::chrono::steady_clock::time_point m_begun;
+  StreamPiece m_piece;
+  std::size_t m_nextChunk = 0;
+  bool m_watching = false;  // for the client's leaving
 };
 
 }  // namespace

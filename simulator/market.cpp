@@ -1,6 +1,7 @@
 #include "simulator/market.h"
 
 #include "simulator/exchange_time.h"
+#include "simulator/random.h"
 
 #include <algorithm>
 #include <array>
@@ -20,20 +21,6 @@ constexpr std::array<std::pair<Session, std::string_view>, 4> kSessions{{
     {Session::kPost, "post"},
     {Session::kClosed, "closed"},
 }};
-
-// The SplitMix64 generator: the same numbers with every compiler and library.
-std::uint64_t Next(std::uint64_t& state) {
-  state += 0x9E3779B97F4A7C15U;
-  std::uint64_t mixed = state;
-  mixed = (mixed ^ (mixed >> 30U)) * 0xBF58476D1CE4E5B9U;
-  mixed = (mixed ^ (mixed >> 27U)) * 0x94D049BB133111EBU;
-  return mixed ^ (mixed >> 31U);
-}
-
-// A number from `least` to `most`, both included.
-std::int64_t Draw(std::uint64_t& state, std::int64_t least, std::int64_t most) {
-  return least + static_cast<std::int64_t>(Next(state) % static_cast<std::uint64_t>(most - least + 1));
-}
 
 void Widen(Bar& bar, Cents price, std::int64_t size) {
   bar.high = std::max(bar.high, price);
@@ -84,8 +71,8 @@ std::int64_t Market::Now() {
   return m_now;
 }
 
-void Market::Tick() {
-  if (m_fixed) *m_fixed += 1000;
+void Market::Pass(std::chrono::milliseconds time) {
+  if (m_fixed) *m_fixed += time.count();
 }
 
 // A stock at the end of its last trading day.
@@ -94,7 +81,7 @@ Stock Market::MakeStock(Instrument instrument, std::size_t index) {
   stock.instrument = std::move(instrument);
   stock.index = index;
   stock.random = m_seed;
-  stock.random = Next(stock.random) + index * 0x632BE59BD9B4E019U;
+  stock.random = NextRandom(stock.random) + index * 0x632BE59BD9B4E019U;
   stock.base = Draw(stock.random, 5'00, 900'00);
   stock.price = stock.last = stock.base;
   const auto percent = [&stock](std::int64_t least, std::int64_t most) {

@@ -5,6 +5,7 @@
 
 #include "simulator/universe.h"
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -62,7 +63,7 @@ struct MarketOptions {
   std::uint64_t seed = 1;
   std::size_t symbols = 100;
   Session session = Session::kOpen;
-  std::optional<std::int64_t> clock;  // fixed start in seconds since 1970 UTC; each Tick() adds one second
+  std::optional<std::int64_t> clock;  // fixed start in seconds since 1970 UTC; moved by Pass() alone
 };
 
 class Market {
@@ -71,14 +72,17 @@ class Market {
 
   // Milliseconds since 1970 UTC; never goes back.
   std::int64_t Now();
-  // One second passes on a fixed clock. Without one nothing happens.
-  void Tick();
+  // Time passes on a fixed clock. Without one nothing happens.
+  void Pass(std::chrono::milliseconds time);
+  // What passes with a provider request: one second.
+  void Tick() { Pass(std::chrono::seconds{1}); }
 
   Session CurrentSession() const { return m_session; }
   // Pre-market or open after post-market or closed begins a new day.
   void SetSession(Session session);
-  // While held, no price moves.
+  // While held, no price moves and streams send no updates.
   void Hold(bool held) { m_held = held; }
+  bool Held() const { return m_held; }
   // The next step of the symbol trades at this price. False for an unknown symbol or a price that is not positive.
   bool SetPrice(std::string_view symbol, Cents price);
 

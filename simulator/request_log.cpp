@@ -45,6 +45,27 @@ void RequestLog::Request(const HttpRequest& request, int status, std::string_vie
   Write(entry);
 }
 
+void RequestLog::Event(std::int64_t stream, const std::string& text, std::int64_t time) {
+  if (!m_file.is_open()) return;
+  Node entry = Node::Object();
+  entry.Add("kind", Node::Text("event"))
+      .Add("time", Node::Number(time))
+      .Add("stream", Node::Number(stream))
+      .Add("text", Node::Text(text));
+  Write(entry);
+}
+
+void RequestLog::StreamEnd(std::int64_t stream, std::string_view reason, const std::string& partial,
+                           std::int64_t time) {
+  Node entry = Node::Object();
+  entry.Add("kind", Node::Text("stream_end"))
+      .Add("time", Node::Number(time))
+      .Add("stream", Node::Number(stream))
+      .Add("reason", Node::Text(std::string{reason}))
+      .Add("partial", Node::Text(partial));
+  Write(entry);
+}
+
 void RequestLog::Write(const Node& entry) {
   if (m_file.is_open()) m_file << ToJson(entry) << std::endl;
 }

@@ -20,9 +20,14 @@ class RequestLog {
   // `status` is 0 when no answer is sent; `fault` is empty when none was committed; `time` is milliseconds since 1970
   // UTC.
   void Request(const HttpRequest& request, int status, std::string_view fault, std::int64_t time);
-  void Write(const Node& entry);
+  // An object sent on a stream, and a stream's end with the bytes of an object that was sent in part. Streams count
+  // from 1.
+  void Event(std::int64_t stream, const std::string& text, std::int64_t time);
+  void StreamEnd(std::int64_t stream, std::string_view reason, const std::string& partial, std::int64_t time);
 
  private:
+  void Write(const Node& entry);
+
   std::ofstream m_file;
 };
 

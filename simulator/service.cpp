@@ -25,13 +25,16 @@ HttpAnswer TextAnswer(int status, std::string_view type, std::string_view body) 
 }
 
 // The answer that stands in for the real one; nothing for a fault that spoils the real one.
-std::optional<HttpAnswer> Replacement(FaultKind kind) {
+std::optional<HttpAnswer> Replacement(FaultKind kind, bool tradeStation) {
   switch (kind) {
     case FaultKind::kStatus401:
+      if (tradeStation) return StationErrorAnswer(401, "Unauthorized", "Invalid Access Token");
       return FaultAnswer(401, "Invalid Access Token", "keymanagement.service.invalid_access_token");
     case FaultKind::kStatus429:
+      if (tradeStation) return StationErrorAnswer(429, "TooManyRequests", "Quota exceeded");
       return FaultAnswer(429, "Rate limit quota violation. Quota limit exceeded.", "policies.ratelimit.QuotaViolation");
     case FaultKind::kStatus500:
+      if (tradeStation) return StationErrorAnswer(500, "InternalServerError", "Internal Server Error");
       return TextAnswer(500, "text/plain", "Internal Server Error");
     case FaultKind::kHtml:
       return TextAnswer(200, "text/html", kMaintenancePage);
@@ -40,6 +43,10 @@ std::optional<HttpAnswer> Replacement(FaultKind kind) {
     case FaultKind::kSlow:
     case FaultKind::kCut:
     case FaultKind::kHuge:
+    case FaultKind::kStall:
+    case FaultKind::kDrip:
+    case FaultKind::kEnd:
+    case FaultKind::kGoAway:
       break;
   }
   return std::nullopt;
@@ -54,11 +61,19 @@ std::string_view Trimmed(std::string_view text) {
 
 }  // namespace
 
+std::optional<Provider> ParseProvider(std::string_view text) {
+  if (text == "tradier") return Provider::kTradier;
+  if (text == "tradestation") return Provider::kTradeStation;
+  return std::nullopt;
+}
+
 Service::Service(const ServiceOptions& options)
     : m_market(options.market),
       m_log(options.logFile),
       m_tradier(m_market, m_sent, options.token),
+      m_tradeStation(m_market, m_sent, m_log, options.streams, options.token),
       m_vendor(m_market),
+      m_provider(options.provider),
       m_gzip(options.gzip) {
   for (const Fault& fault : options.faults) {
     if (!m_faults.Add(fault)) throw std::runtime_error("too many faults");
@@ -67,16 +82,27 @@ Service::Service(const ServiceOptions& options)
 
 std::optional<Fault> Service::Begin(const HttpRequest& request) {
   if (request.target.starts_with(kControlBase)) return std::nullopt;
-  return m_faults.Take(request.target);
+  const std::optional<std::string_view> station = StationEndpoint(request);
+  return m_faults.Take(request.target, station && TradeStationApi::IsStream(*station));
+}
+
+std::optional<std::string_view> Service::StationEndpoint(const HttpRequest& request) const {
+  constexpr std::string_view kBase = "/v3/";
+  const std::string_view path = request.Path();
+  if (!Serves(Provider::kTradeStation) || !path.starts_with(kBase)) return std::nullopt;
+  return path.substr(kBase.size());
 }
 
 HttpAnswer Service::Answer(const HttpRequest& request, const std::optional<Fault>& fault) {
   std::optional<HttpAnswer> replacement;
-  if (fault) replacement = Replacement(fault->kind);
+  if (fault) replacement = Replacement(fault->kind, StationEndpoint(request).has_value());
   const bool whole = !fault || fault->kind == FaultKind::kSlow;
   HttpAnswer answer = replacement ? std::move(*replacement) : Route(request, whole);
-  if (fault && fault->kind == FaultKind::kCut) answer.cut = true;
-  if (fault && fault->kind == FaultKind::kHuge && answer.body.size() < kHugeAnswer) {
+  if (fault && answer.stream) {
+    answer.stream->Commit(fault->kind);
+  } else if (fault && fault->kind == FaultKind::kCut) {
+    answer.cut = true;
+  } else if (fault && fault->kind == FaultKind::kHuge && answer.body.size() < kHugeAnswer) {
     answer.padding = kHugeAnswer - answer.body.size();
   }
   const bool compressible = m_gzip && answer.padding == 0 && answer.body.size() >= kLeastCompressed;
@@ -97,9 +123,14 @@ HttpAnswer Service::Route(const HttpRequest& request, bool recorded) {
   constexpr std::string_view kSandboxBase = "/sandbox/v1/";
   const std::string_view path = request.Path();
   if (path.starts_with(kControlBase)) return Control(request);
-  if (path.starts_with(kLiveBase)) return m_tradier.Answer(request, path.substr(kLiveBase.size()), false, recorded);
-  if (path.starts_with(kSandboxBase))
-    return m_tradier.Answer(request, path.substr(kSandboxBase.size()), true, recorded);
+  if (const std::optional<std::string_view> station = StationEndpoint(request)) {
+    return m_tradeStation.Answer(request, *station, recorded);
+  }
+  if (Serves(Provider::kTradier)) {
+    if (path.starts_with(kLiveBase)) return m_tradier.Answer(request, path.substr(kLiveBase.size()), false, recorded);
+    if (path.starts_with(kSandboxBase))
+      return m_tradier.Answer(request, path.substr(kSandboxBase.size()), true, recorded);
+  }
   if (std::optional<HttpAnswer> answer = m_vendor.Answer(request)) return std::move(*answer);
   return TextAnswer(404, "text/plain", "Not Found");
 }
@@ -127,9 +158,15 @@ HttpAnswer Service::Control(const HttpRequest& request) {
 }
 
 HttpAnswer Service::State() {
+  const StreamCounts& counts = m_tradeStation.Streams();
+  Node streams = Node::Object();
+  streams.Add("opened", Node::Number(counts.opened))
+      .Add("open", Node::Number(counts.open))
+      .Add("objects", Node::Number(counts.objects));
   Node state = Node::Object();
   state.Add("session", Node::Text(std::string{SessionName(m_market.CurrentSession())}))
       .Add("now", Node::Number(m_market.Now()))
+      .Add("streams", std::move(streams))
       .Add("symbols", m_sent.ToNode());
   return TextAnswer(200, "application/json", ToJson(state));
 }

@@ -6,6 +6,7 @@
 #include "simulator/market.h"
 #include "simulator/request_log.h"
 #include "simulator/sent_state.h"
+#include "simulator/tradestation_api.h"
 #include "simulator/tradier_api.h"
 #include "simulator/vendor_api.h"
 
@@ -15,8 +16,14 @@
 
 namespace quenmark::simulator {
 
+enum class Provider { kTradier, kTradeStation };
+// "tradier" or "tradestation"; nothing for other texts.
+std::optional<Provider> ParseProvider(std::string_view text);
+
 struct ServiceOptions {
   MarketOptions market;
+  StreamOptions streams;
+  std::optional<Provider> provider;  // the only one that is served; both when empty
   std::vector<Fault> faults;
   std::string logFile;  // none when empty
   std::string token;    // any when empty
@@ -35,6 +42,9 @@ class Service {
   void Abandon(const HttpRequest& request, const std::optional<Fault>& fault);
 
  private:
+  bool Serves(Provider provider) const { return !m_provider || *m_provider == provider; }
+  // The path below TradeStation's base; nothing for other paths.
+  std::optional<std::string_view> StationEndpoint(const HttpRequest& request) const;
   HttpAnswer Route(const HttpRequest& request, bool recorded);
   HttpAnswer Control(const HttpRequest& request);
   HttpAnswer State();
@@ -46,7 +56,9 @@ class Service {
   FaultList m_faults;
   RequestLog m_log;
   TradierApi m_tradier;
+  TradeStationApi m_tradeStation;
   VendorApi m_vendor;
+  const std::optional<Provider> m_provider;
   const bool m_gzip;
 };
 

@@ -9,7 +9,6 @@
 #include <array>
 #include <cstdlib>
 #include <optional>
-#include <set>
 #include <utility>
 #include <vector>
 
@@ -149,15 +148,8 @@ HttpAnswer FaultAnswer(int status, const std::string& text, const std::string& c
 TradierApi::TradierApi(Market& market, SentState& sent, std::string token)
     : m_market(market), m_sent(sent), m_token(std::move(token)) {}
 
-bool TradierApi::Authorised(const HttpRequest& request) const {
-  constexpr std::string_view kScheme = "Bearer ";
-  const std::string_view value = request.Header("Authorization");
-  if (!value.starts_with(kScheme) || value.size() == kScheme.size()) return false;
-  return m_token.empty() || value.substr(kScheme.size()) == m_token;
-}
-
 HttpAnswer TradierApi::Answer(const HttpRequest& request, std::string_view endpoint, bool sandbox, bool recorded) {
-  if (!Authorised(request)) {
+  if (!HasBearer(request, m_token)) {
     return FaultAnswer(401, "Invalid Access Token", "keymanagement.service.invalid_access_token");
   }
   m_market.Tick();
@@ -175,15 +167,11 @@ HttpAnswer TradierApi::Answer(const HttpRequest& request, std::string_view endpo
 
 HttpAnswer TradierApi::Quotes(const HttpRequest& request, bool recorded) {
   const NamedTexts query = QueryOf(request.target);
-  std::string_view rest = ValueOf(query, "symbols");
-  std::set<std::string, std::less<>> seen;
+  const std::vector<std::string> symbols = SymbolNames(ValueOf(query, "symbols"));
+  if (symbols.empty()) return Rendered(request, Rooted("quotes", Node::Null()));
   std::vector<Node> quotes;
   std::vector<Node> unmatched;
-  while (!rest.empty()) {
-    const std::string_view name = rest.substr(0, rest.find(','));
-    rest.remove_prefix(std::min(rest.size(), name.size() + 1));
-    const std::string symbol = UpperCase(name);
-    if (symbol.empty() || !seen.insert(symbol).second) continue;
+  for (const std::string& symbol : symbols) {
     const Stock* stock = m_market.Step(symbol);
     if (stock == nullptr) {
       unmatched.push_back(Node::Text(symbol));
@@ -192,7 +180,6 @@ HttpAnswer TradierApi::Quotes(const HttpRequest& request, bool recorded) {
     quotes.push_back(QuoteNode(*stock, m_market.Untraded(*stock)));
     if (recorded) m_sent.Record(symbol, "quote", quotes.back());
   }
-  if (seen.empty()) return Rendered(request, Rooted("quotes", Node::Null()));
   Node body = Node::Object();
   if (!quotes.empty()) body.Add("quote", ProviderList(std::move(quotes)));
   if (!unmatched.empty()) body.Add("unmatched_symbols", Rooted("symbol", ProviderList(std::move(unmatched))));

@@ -25,7 +25,6 @@ class TradierApi {
   HttpAnswer Clock(const HttpRequest& request, bool recorded);
   HttpAnswer Lookup(const HttpRequest& request, bool recorded);
   HttpAnswer StreamSession(const HttpRequest& request, std::string_view endpoint);
-  bool Authorised(const HttpRequest& request) const;
 
   Market& m_market;
   SentState& m_sent;

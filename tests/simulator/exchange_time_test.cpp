@@ -17,6 +17,10 @@ TEST(ExchangeTime, FollowsDaylightSaving) {
   }
 }
 
+TEST(ExchangeTime, WritesUtc) {
+  EXPECT_EQ(UtcTimeText(1751376600), "2025-07-01T13:30:00Z");
+}
+
 TEST(ExchangeTime, ReadsWallClockTexts) {
   EXPECT_EQ(ParseExchangeTime("2025-07-01 09:30"), 1751376600);
   EXPECT_EQ(ParseExchangeTime("2025-01-01"), 1735707600);

@@ -12,7 +12,8 @@ TEST(Faults, ReadsTheirText) {
   EXPECT_EQ(fault->delay, std::chrono::milliseconds{250});
   EXPECT_EQ(fault->path, "markets/quotes?x=1");
   EXPECT_EQ(fault->count, 3U);
-  for (const char* kind : {"status401", "status429", "status500", "cut", "html", "empty", "huge"}) {
+  for (const char* kind :
+       {"status401", "status429", "status500", "cut", "html", "empty", "huge", "stall", "drip", "end", "goaway"}) {
     const std::optional<Fault> plain = ParseFault(kind);
     ASSERT_TRUE(plain) << kind;
     EXPECT_EQ(FaultName(plain->kind), kind);
@@ -27,12 +28,20 @@ TEST(Faults, EndAfterTheirCount) {
   FaultList faults;
   faults.Add(*ParseFault("cut@/quotes*2"));
   faults.Add(*ParseFault("html"));
-  EXPECT_EQ(faults.Take("/v1/markets/clock")->kind, FaultKind::kHtml);
-  EXPECT_EQ(faults.Take("/v1/markets/quotes")->kind, FaultKind::kCut);
-  EXPECT_EQ(faults.Take("/v1/markets/quotes")->kind, FaultKind::kCut);
-  EXPECT_EQ(faults.Take("/v1/markets/quotes")->kind, FaultKind::kHtml);
+  EXPECT_EQ(faults.Take("/v1/markets/clock", false)->kind, FaultKind::kHtml);
+  EXPECT_EQ(faults.Take("/v1/markets/quotes", false)->kind, FaultKind::kCut);
+  EXPECT_EQ(faults.Take("/v1/markets/quotes", false)->kind, FaultKind::kCut);
+  EXPECT_EQ(faults.Take("/v1/markets/quotes", false)->kind, FaultKind::kHtml);
   faults.Clear();
-  EXPECT_FALSE(faults.Take("/v1/markets/quotes"));
+  EXPECT_FALSE(faults.Take("/v1/markets/quotes", false));
+}
+
+TEST(Faults, OfStreamsPassOtherRequests) {
+  FaultList faults;
+  faults.Add(*ParseFault("stall*1"));
+  EXPECT_FALSE(faults.Take("/v3/marketdata/quotes/A", false));
+  EXPECT_EQ(faults.Take("/v3/marketdata/stream/quotes/A", true)->kind, FaultKind::kStall);
+  EXPECT_FALSE(faults.Take("/v3/marketdata/stream/quotes/A", true));
 }
 
 }  // namespace

@@ -1,83 +1,20 @@
 // The simulator as a program, asked by curl.
+#include "tests/simulator/curl_simulator.h"
 #include "tests/support/child_process.h"
 #include "tests/support/eventually.h"
 #include "tests/support/temporary_folder.h"
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 #include <signal.h>
 
+#include <algorithm>
 #include <filesystem>
-#include <fstream>
 #include <string>
 #include <vector>
 
 namespace quenmark::test {
 namespace {
-
-using Json = nlohmann::ordered_json;
-using Words = std::vector<std::string>;
-
-struct Answer {
-  int exit = 0;  // curl's
-  int status = 0;
-  std::string body;
-
-  Json Parsed() const { return Json::parse(body); }
-};
-
-class Simulator {
- public:
-  explicit Simulator(const Words& arguments = {}) : m_program(BIN_DIR "/feeder-sim", arguments) {
-    const std::optional<std::string> line = m_program.ReadLine();
-    if (!line) throw std::runtime_error("no first line: " + m_program.ErrorText());
-    m_ready = Json::parse(*line);
-  }
-  // Asked to end, so that its folder goes too.
-  ~Simulator() {
-    m_program.Signal(SIGTERM);
-    m_program.Wait();
-  }
-  Simulator(const Simulator&) = delete;
-  Simulator& operator=(const Simulator&) = delete;
-
-  std::string Address(const std::string& path) const {
-    return fmt::format("https://localhost:{}{}", m_ready["https"].get<int>(), path);
-  }
-  Answer Curl(const std::string& address, const Words& added = {}) const {
-    Words words{"-sS", "--max-time", "60", "-w", "\n%{http_code}", "--noproxy", "*", address};
-    words.insert(words.end(), added.begin(), added.end());
-    ChildProcess curl{"curl", words};
-    Answer answer;
-    answer.body = curl.ReadAll();
-    const std::size_t end = answer.body.rfind('\n');
-    if (end == std::string::npos) throw std::runtime_error("curl: " + curl.ErrorText());
-    answer.status = std::stoi(answer.body.substr(end + 1));
-    answer.body.resize(end);
-    answer.exit = curl.Wait().value_or(-1);
-    return answer;
-  }
-  Answer Get(const std::string& path, const Words& added = {}) const {
-    Words words{"--cacert", CaFile(), "-H", "Accept: application/json", "-H", "Authorization: Bearer made-up"};
-    words.insert(words.end(), added.begin(), added.end());
-    return Curl(Address(path), words);
-  }
-  int Control(const std::string& path, const std::string& body) const {
-    return Get("/sim/" + path, {"--data-raw", body}).status;
-  }
-  Json Sent(const std::string& symbol, const std::string& endpoint) const {
-    const Json symbols = Get("/sim/state").Parsed()["symbols"];
-    return symbols.contains(symbol) && symbols[symbol].contains(endpoint) ? symbols[symbol][endpoint] : Json{};
-  }
-  const Json& Ready() const { return m_ready; }
-  std::string CaFile() const { return m_ready["ca"]; }
-  ChildProcess& Program() { return m_program; }
-
- private:
-  ChildProcess m_program;
-  Json m_ready;
-};
 
 // Every field of `object` as the text that was sent, to compare with the state.
 bool SameTexts(const Json& object, const Json& sentFields) {
@@ -117,8 +54,8 @@ TEST(FeederSim, SignalsEndItCleanly) {
 }
 
 TEST(FeederSim, BadOptionsAreRefused) {
-  for (const Words& words :
-       {Words{"--fault", "nonsense"}, Words{"--session", "lunch"}, Words{"--symbols", "0"}, Words{"x"}}) {
+  for (const Words& words : {Words{"--fault", "nonsense"}, Words{"--session", "lunch"}, Words{"--symbols", "0"},
+                             Words{"--rate", "0"}, Words{"--chunks", "odd"}, Words{"--provider", "any"}, Words{"x"}}) {
     ChildProcess program{BIN_DIR "/feeder-sim", words};
     EXPECT_EQ(program.Wait(), 2) << words.back();
   }
@@ -290,11 +227,8 @@ TEST(FeederSim, SlowAnswersOfClientsThatLeftAreNotSent) {
   EXPECT_EQ(sim.Control("fault", "slow1500*1"), 200);
   EXPECT_EQ(sim.Get(path, {"--max-time", "0.2"}).exit, 28);
   const auto abandoned = [&] {
-    std::ifstream file{folder.File("log")};
-    for (std::string line; std::getline(file, line);) {
-      if (!file.eof() && Json::parse(line)["status"] == 0) return true;
-    }
-    return false;
+    const std::vector<Json> lines = LogLines(folder.File("log"));
+    return std::any_of(lines.begin(), lines.end(), [](const Json& line) { return line["status"] == 0; });
   };
   EXPECT_TRUE(Eventually(abandoned));
   EXPECT_TRUE(sim.Sent("SPY", "quote").is_null());
@@ -340,9 +274,7 @@ TEST(FeederSim, TakesLargeHeadsAndLogsThem) {
 
   const Answer posted = sim.Get("/gmt/", {"--data-raw", "a\n\"b\"", "-H", "X-Probe: 1"});
   EXPECT_EQ(posted.status, 200);
-  std::ifstream file{folder.File("log")};
-  std::vector<Json> lines;
-  for (std::string line; std::getline(file, line);) lines.push_back(Json::parse(line));
+  const std::vector<Json> lines = LogLines(folder.File("log"));
   ASSERT_EQ(lines.size(), 4U);
   EXPECT_EQ(lines[1]["path"], path);
   const Json& last = lines.back();
