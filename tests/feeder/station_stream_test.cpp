@@ -124,7 +124,7 @@ TEST_F(StationTick, RefusedStreamEndsTheProgram) {
 }
 
 TEST_F(StationTick, LostStreamAsksForANewSessionAndGoesOn) {
-  server.Put(kStreamPath, {.body = kObject, .chunked = true, .cutAfter = 300});
+  server.Put(kStreamPath, {.body = kObject, .chunked = true, .cutAfter = 200});
   Tick();
   EXPECT_EQ(SessionId(), "ask_new_session");
   EXPECT_NO_THROW(Tick());
@@ -144,7 +144,7 @@ TEST_F(StationTick, ReadTellsWhatCame) {
     return StreamRequest(context, target, hooks);
   };
   const auto good = read(server.Port(), kStreamPath);
-  EXPECT_EQ(good.statusLine, "[200] OK");
+  EXPECT_EQ(good.statusLine, "[200] Answer");
   EXPECT_EQ(std::string(good.body.begin(), good.body.end()), kObject);
   EXPECT_EQ(good.bodyLength, static_cast<std::int32_t>(good.body.size()));
   EXPECT_EQ(good.errorText, "");
