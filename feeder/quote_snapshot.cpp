@@ -170,15 +170,16 @@ void ApplyStationObject(Context& context, std::string_view object) {
   const std::string stamp = providers::WithoutCharacters(local, "-T:Z");
   RequireStamp(stamp);
   if (!platform::IsNumeric(volume)) throw RunTimeError(platform::kErrorTypeMismatch, "Type mismatch");
+  // Before the first trade of a day these are null: the last price stands in for them.
+  const std::string_view last = StationValue(object, "last");
+  const auto price = [object, last](std::string_view key) {
+    const std::string_view value = StationValue(object, key);
+    return Number(value.empty() ? last : value);
+  };
   Snapshot snapshot;
-  snapshot.quote = {symbol,
-                    Number(StationValue(object, "last")),
-                    platform::ReadNumber(StationValue(object, "netchangepct")),
-                    Number(StationValue(object, "open")),
-                    Number(StationValue(object, "high")),
-                    Number(StationValue(object, "low")),
-                    volume,
-                    stamp};
+  snapshot.quote = {symbol,        Number(last),  platform::ReadNumber(StationValue(object, "netchangepct")),
+                    price("open"), price("high"), price("low"),
+                    volume,        stamp};
   snapshot.previousClose = StationValue(object, "previousclose");
   snapshot.hasBook = providers::Contains(object, R"("ask":")") && providers::Contains(object, R"("bid":")");
   snapshot.book = {StationValue(object, "bid"), StationValue(object, "bidsize"), StationValue(object, "ask"),

@@ -133,7 +133,7 @@ constexpr const char* kStationAnswer =
     R"({"Quotes":[{"Symbol":"GOOG","Open":"340.64999","High":"349.05499","Low":"337.72","PreviousClose":"337.32001",)"
     R"("Last":"346.2","Ask":"346.36","AskSize":"40","Bid":"346","BidSize":"80","NetChangePct":"2.63251207658864",)"
     R"("Volume":"0","Restrictions":[],"TradeTime":"2026-09-30T20:21:49Z","MarketFlags":{"IsDelayed":false,)"
-    R"("IsHalted":false},"LastVenue":"ARCX"},{"Symbol":"SPY","Open":"1","High":"2","Low":"0.5","PreviousClose":"1",)"
+    R"("IsHalted":false},"LastVenue":"ARCX"},{"Symbol":"SPY","Open":null,"High":"2","Low":"0.5","PreviousClose":"1",)"
     R"("Last":"1.5","NetChangePct":"-50","Volume":"7","TradeTime":"2026-09-30T20:21:49Z"}],)"
     R"("Errors":[{"Symbol":"BADSYM","Error":"FAILED, EX_INVALID_SYMBOL"}]})";
 
@@ -146,7 +146,7 @@ TEST_F(QuoteSnapshot, TradeStationAnswerIsWrittenTwice) {
   EXPECT_EQ(store->GetSetting("Dovecrest", "Feeder", "GOOG"), Feeder("GOOG"));
   EXPECT_EQ(Feeder("GOOG-pc"), "337.32001");
   EXPECT_EQ(Feeder("GOOG-bid@ask"), "346|80@346.36|40");
-  EXPECT_EQ(Feeder("SPY"), "SPY-1.5-m50.00-1-2-0.5-7-1-1-20260930162149");
+  EXPECT_EQ(Feeder("SPY"), "SPY-1.5-m50.00-1.5-2-0.5-7-1-1-20260930162149");
   EXPECT_EQ(Feeder("SPY-bid@ask"), "");
   EXPECT_EQ(Feeder("BADSYM"), "");
 }
