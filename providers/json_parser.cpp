@@ -1,4 +1,5 @@
 #include "platform/code_page.h"
+#include "platform/utf16_joiner.h"
 #include "providers/json.h"
 #include "providers/json_key_set.h"
 #include "providers/json_number.h"
@@ -62,38 +63,20 @@ std::size_t FindStringEnd(std::string_view text, std::size_t at, char quote) {
 class EscapedText {
  public:
   std::string_view View() {
-    FlushHalf();
+    m_units.Flush(m_text);
     return m_text;
   }
   void Clear() { m_text.clear(); }
   void Append(std::string_view characters) {
     if (characters.empty()) return;
-    FlushHalf();
+    m_units.Flush(m_text);
     m_text += characters;
   }
-  void AppendUnit(std::uint32_t unit) {
-    if (m_half != 0 && unit >= 0xDC00 && unit <= 0xDFFF) {
-      platform::AppendUtf8(m_text, 0x10000 + ((m_half - 0xD800) << 10) + (unit - 0xDC00));
-      m_half = 0;
-      return;
-    }
-    FlushHalf();
-    if (unit >= 0xD800 && unit <= 0xDBFF) {
-      m_half = unit;
-    } else {
-      platform::AppendUtf8(m_text, unit);
-    }
-  }
+  void AppendUnit(std::uint32_t unit) { m_units.Append(m_text, unit); }
 
  private:
-  void FlushHalf() {
-    if (m_half == 0) return;
-    platform::AppendUtf8(m_text, platform::kReplacementCharacter);
-    m_half = 0;
-  }
-
   std::string m_text;
-  std::uint32_t m_half = 0;  // first half of a pair that waits for the second
+  platform::Utf16Joiner m_units;
 };
 
 // The same for the whole run of the program, another one in the next.

@@ -1,6 +1,7 @@
 #include "providers/text_utilities.h"
 
 #include "platform/code_page.h"
+#include "platform/utf16_joiner.h"
 
 #include <algorithm>
 #include <array>
@@ -71,7 +72,7 @@ class UrlDecoder {
       m_at = percent;
       if (m_at < m_text.size()) DecodeEscape();
     }
-    FlushHalf();
+    m_units.Flush(m_result);
     return std::move(m_result);
   }
 
@@ -96,7 +97,7 @@ class UrlDecoder {
       const std::optional<std::uint32_t> second = Escape(1);
       if (first && second) return Take((*first & 31) << 6 | (*second & 63), 6);
     } else if (first) {
-      FlushHalf();
+      m_units.Flush(m_result);
       platform::AppendWindows1252(m_result, static_cast<std::uint8_t>(*first));
       m_at += 3;
       return;
@@ -106,7 +107,7 @@ class UrlDecoder {
   }
 
   void AppendPlain(std::string_view text) {
-    FlushHalf();
+    m_units.Flush(m_result);
     const std::size_t start = m_result.size();
     m_result += text;
     std::replace(m_result.begin() + static_cast<std::ptrdiff_t>(start), m_result.end(), '+', ' ');
@@ -115,27 +116,12 @@ class UrlDecoder {
   // Appends one UTF-16 unit and moves past its escape.
   void Take(std::uint32_t unit, std::size_t length) {
     m_at += length;
-    if (m_half != 0 && unit >= 0xDC00 && unit <= 0xDFFF) {
-      platform::AppendUtf8(m_result, 0x10000 + ((m_half - 0xD800) << 10) + (unit - 0xDC00));
-      m_half = 0;
-      return;
-    }
-    FlushHalf();
-    if (unit >= 0xD800 && unit <= 0xDBFF) {
-      m_half = unit;
-    } else {
-      platform::AppendUtf8(m_result, unit);
-    }
-  }
-
-  void FlushHalf() {
-    if (m_half != 0) platform::AppendUtf8(m_result, platform::kReplacementCharacter);
-    m_half = 0;
+    m_units.Append(m_result, unit);
   }
 
   std::string_view m_text;
   std::size_t m_at = 0;
-  std::uint32_t m_half = 0;  // first half of a pair that waits for the second
+  platform::Utf16Joiner m_units;
   std::string m_result;
 };
 
