@@ -4,7 +4,9 @@ namespace quenmark::platform {
 
 namespace {
 
-bool Fits(std::uint64_t value, std::size_t width) { return width >= 8 || value >> (8 * width) == 0; }
+bool Fits(std::uint64_t value, std::size_t width) {
+  return width >= 8 || value >> (8 * width) == 0;
+}
 
 }  // namespace
 

@@ -9,8 +9,8 @@
 
 namespace quenmark::platform {
 
-// Reads from bytes it does not own. The first read past the end fails the reader for good: from then on every read gives
-// zero or nothing, so that a parser may read a whole structure and look at Done() once.
+// Reads from bytes it does not own. The first read past the end fails the reader for good: from then on every read
+// gives zero or nothing, so that a parser may read a whole structure and look at Done() once.
 class ByteReader {
  public:
   explicit ByteReader(std::span<const std::uint8_t> bytes) : m_bytes(bytes), m_end(bytes.size()) {}

@@ -36,7 +36,8 @@ const CipherSuite& pvTlsSetupCipherSuite(std::uint16_t code);
 
 // The codes to offer, best first. `localKeyAlgorithm` is the object identifier of the local private key, empty for one
 // that cannot be decoded; it is looked at only when there is a local key.
-std::vector<std::uint16_t> CipherSuiteOffer(std::uint32_t features, bool hasLocalKey, std::string_view localKeyAlgorithm);
+std::vector<std::uint16_t> CipherSuiteOffer(std::uint32_t features, bool hasLocalKey,
+                                            std::string_view localKeyAlgorithm);
 
 namespace oid {
 constexpr std::string_view kRsa = "1.2.840.113549.1.1.1";

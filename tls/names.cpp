@@ -70,11 +70,23 @@ std::string WithCode(std::string_view list, int code) {
 
 }  // namespace
 
-std::string StateName(State state) { return Plain(kStates, static_cast<int>(state)); }
-std::string AlertName(int code) { return Plain(kAlerts, code); }
-std::string SignatureSchemeName(int code) { return Plain(kSchemes, code); }
-std::string MessageName(int type) { return WithCode(kMessages, type); }
-std::string ExtensionName(int type) { return WithCode(kExtensions, type); }
-std::string Hexadecimal(int code) { return fmt::format("0x{:04X}", code); }
+std::string StateName(State state) {
+  return Plain(kStates, static_cast<int>(state));
+}
+std::string AlertName(int code) {
+  return Plain(kAlerts, code);
+}
+std::string SignatureSchemeName(int code) {
+  return Plain(kSchemes, code);
+}
+std::string MessageName(int type) {
+  return WithCode(kMessages, type);
+}
+std::string ExtensionName(int type) {
+  return WithCode(kExtensions, type);
+}
+std::string Hexadecimal(int code) {
+  return fmt::format("0x{:04X}", code);
+}
 
 }  // namespace quenmark::tls

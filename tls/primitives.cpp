@@ -59,7 +59,9 @@ std::string_view HashName(Digest digest) {
   return "";
 }
 
-std::size_t BlockSize(Digest digest) { return digest == Digest::kSha384 || digest == Digest::kSha512 ? 128 : 64; }
+std::size_t BlockSize(Digest digest) {
+  return digest == Digest::kSha384 || digest == Digest::kSha512 ? 128 : 64;
+}
 
 }  // namespace
 
@@ -159,7 +161,9 @@ void Hash::Update(BytesView bytes) {
   }
 }
 
-DigestValue Hash::Current() const { return Hash(*this).Finish(); }
+DigestValue Hash::Current() const {
+  return Hash(*this).Finish();
+}
 
 DigestValue Hash::Finish() {
   DigestValue value;
@@ -214,9 +218,9 @@ SecretBytes ConstantTimeRecordMac(Digest digest, BytesView key, BytesView header
   // The library's TLS mode of HMAC: the whole size is public, the length given to the update is not.
   std::size_t wholeSize = data.size();
   std::string name = EVP_MD_get0_name(detail::FetchedDigest(digest));
-  const OSSL_PARAM parameters[] = {
-      OSSL_PARAM_construct_utf8_string(OSSL_MAC_PARAM_DIGEST, name.data(), 0),
-      OSSL_PARAM_construct_size_t(OSSL_MAC_PARAM_TLS_DATA_SIZE, &wholeSize), OSSL_PARAM_construct_end()};
+  const OSSL_PARAM parameters[] = {OSSL_PARAM_construct_utf8_string(OSSL_MAC_PARAM_DIGEST, name.data(), 0),
+                                   OSSL_PARAM_construct_size_t(OSSL_MAC_PARAM_TLS_DATA_SIZE, &wholeSize),
+                                   OSSL_PARAM_construct_end()};
   const MacContext context(EVP_MAC_CTX_new(Fetched().hmac.get()));
   SecretBytes mac(DigestSize(digest));
   std::size_t size = 0;

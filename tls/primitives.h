@@ -1,5 +1,5 @@
-// The cryptographic primitives behind the engine. Formats are those of the wire; no type of the library behind them shows.
-// A failing primitive raises RaisedError with "Call failed (name)".
+// The cryptographic primitives behind the engine. Formats are those of the wire; no type of the library behind them
+// shows. A failing primitive raises RaisedError with "Call failed (name)".
 #pragma once
 
 #include "platform/secret_bytes.h"
@@ -74,8 +74,8 @@ class HmacKey {
 
 SecretBytes pvTlsGetHmac(Digest digest, BytesView key, std::initializer_list<BytesView> parts);
 
-// The MAC of a CBC record over `header` (13 bytes) and the first `secretLength` bytes of `data`, in time that depends on
-// the size of `data` only. `data` is the decrypted record after its IV: content, MAC and padding.
+// The MAC of a CBC record over `header` (13 bytes) and the first `secretLength` bytes of `data`, in time that depends
+// on the size of `data` only. `data` is the decrypted record after its IV: content, MAC and padding.
 SecretBytes ConstantTimeRecordMac(Digest digest, BytesView key, BytesView header, BytesView data,
                                   std::size_t secretLength);
 
@@ -86,8 +86,8 @@ class BulkCipher {
  public:
   virtual ~BulkCipher() = default;
 
-  // Writes the protected form of `in` to `out`: its bytes and, for AEAD, the 16-byte tag. `out` may be in.data() but must
-  // not overlap it otherwise. CBC takes whole blocks and no additional data. False on failure.
+  // Writes the protected form of `in` to `out`: its bytes and, for AEAD, the 16-byte tag. `out` may be in.data() but
+  // must not overlap it otherwise. CBC takes whole blocks and no additional data. False on failure.
   virtual bool Encrypt(BytesView nonce, BytesView additionalData, BytesView in, std::uint8_t* out) = 0;
   // The reverse: `in` ends with the tag for AEAD. False when it does not verify; `out` then holds rubbish.
   virtual bool Decrypt(BytesView nonce, BytesView additionalData, BytesView in, std::uint8_t* out) = 0;
@@ -115,8 +115,8 @@ class KeyPair {
 
   bool Empty() const { return m_state == nullptr; }
   BytesView Public() const;
-  // The secret shared with the owner of `peer`; nothing when `peer` is no valid public key of the group (a point off the
-  // curve, an X25519 key that gives zero).
+  // The secret shared with the owner of `peer`; nothing when `peer` is no valid public key of the group (a point off
+  // the curve, an X25519 key that gives zero).
   std::optional<SecretBytes> SharedSecret(BytesView peer) const;
 
  private:
@@ -167,8 +167,8 @@ class PrivateKey {
   const std::string& Algorithm() const;
   std::size_t ModulusSize() const;  // bytes, RSA only
   std::optional<Bytes> Sign(Padding padding, Digest digest, BytesView content) const;
-  // The 48-byte pre-master secret of RSA key transport. What does not decrypt to one with the right version gives a random
-  // secret instead, in the same time (RFC 5246 section 7.4.7.1).
+  // The 48-byte pre-master secret of RSA key transport. What does not decrypt to one with the right version gives a
+  // random secret instead, in the same time (RFC 5246 section 7.4.7.1).
   SecretBytes DecryptPreMaster(BytesView encrypted) const;
 
  private:

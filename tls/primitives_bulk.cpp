@@ -21,7 +21,8 @@ CipherContext Keyed(Bulk bulk, BytesView key, CipherUse use) {
   CipherContext context(EVP_CIPHER_CTX_new());
   const bool keySizeFits = key.size() == static_cast<std::size_t>(EVP_CIPHER_get_key_length(cipher));
   if (!context || !keySizeFits ||
-      EVP_CipherInit_ex2(context.get(), cipher, key.data(), nullptr, use == CipherUse::kEncrypt ? 1 : 0, nullptr) != 1 ||
+      EVP_CipherInit_ex2(context.get(), cipher, key.data(), nullptr, use == CipherUse::kEncrypt ? 1 : 0, nullptr) !=
+          1 ||
       EVP_CIPHER_CTX_set_padding(context.get(), 0) != 1) {
     throw RaisedError{"Encryption failed", "pvTlsBulkEncrypt"};
   }

@@ -19,7 +19,9 @@ using PointPointer = std::unique_ptr<EC_POINT, detail::Free<EC_POINT_free>>;
 using Parameters = std::unique_ptr<OSSL_PARAM, detail::Free<OSSL_PARAM_free>>;
 using ParameterBuilder = std::unique_ptr<OSSL_PARAM_BLD, detail::Free<OSSL_PARAM_BLD_free>>;
 
-std::string CurveName(const Group& group) { return group.exchange == Exchange::kSecp256r1 ? "P-256" : "P-384"; }
+std::string CurveName(const Group& group) {
+  return group.exchange == Exchange::kSecp256r1 ? "P-256" : "P-384";
+}
 
 [[noreturn]] void KeyPairFailed(const Group& group) {
   throw RaisedError{fmt::format("Failed generating key pair ({})", group.name), "pvTlsSetupExchGroup"};
@@ -69,7 +71,8 @@ PkeyPointer PeerKey(const Group& group, EVP_PKEY* own, BytesView peer) {
   if (group.exchange == Exchange::kX25519) {
     return PkeyPointer(EVP_PKEY_new_raw_public_key(EVP_PKEY_X25519, nullptr, peer.data(), peer.size()));
   }
-  // Compressed and hybrid points have other sizes or another first byte; only uncompressed ones are TLS (RFC 8422 §5.4).
+  // Compressed and hybrid points have other sizes or another first byte; only uncompressed ones are TLS (RFC 8422
+  // §5.4).
   if (peer[0] != POINT_CONVERSION_UNCOMPRESSED) return nullptr;
   PkeyPointer key(EVP_PKEY_new());
   if (!key || EVP_PKEY_copy_parameters(key.get(), own) != 1 ||
@@ -109,13 +112,15 @@ KeyPair KeyPair::Generate(const Group& group) {
 KeyPair KeyPair::FromPrivate(const Group& group, BytesView privateKey) {
   KeyPair pair;
   pair.m_state = std::make_unique<State>(
-      group, group.exchange == Exchange::kX25519
-                 ? PkeyPointer(EVP_PKEY_new_raw_private_key(EVP_PKEY_X25519, nullptr, privateKey.data(), privateKey.size()))
-                 : CurveKey(group, privateKey));
+      group, group.exchange == Exchange::kX25519 ? PkeyPointer(EVP_PKEY_new_raw_private_key(
+                                                       EVP_PKEY_X25519, nullptr, privateKey.data(), privateKey.size()))
+                                                 : CurveKey(group, privateKey));
   return pair;
 }
 
-BytesView KeyPair::Public() const { return m_state->publicKey; }
+BytesView KeyPair::Public() const {
+  return m_state->publicKey;
+}
 
 std::optional<SecretBytes> KeyPair::SharedSecret(BytesView peer) const {
   const Group& group = m_state->group;

@@ -52,8 +52,8 @@ bool SetPadding(EVP_PKEY_CTX* context, Padding padding) {
   return false;
 }
 
-// SEQUENCE { INTEGER ... }: what every plain private-key format begins with. An encrypted one does not; the library would
-// ask the terminal for its password.
+// SEQUENCE { INTEGER ... }: what every plain private-key format begins with. An encrypted one does not; the library
+// would ask the terminal for its password.
 bool LooksLikePlainKey(BytesView der) {
   platform::ByteReader reader(der);
   if (reader.U8() != kDerSequence) return false;
@@ -107,8 +107,12 @@ std::optional<PublicKey> PublicKey::FromCertificate(BytesView certificate) {
   return PublicKey(std::move(state));
 }
 
-const std::string& PublicKey::Algorithm() const { return m_state->algorithm; }
-std::size_t PublicKey::CoordinateSize() const { return m_state->coordinateSize; }
+const std::string& PublicKey::Algorithm() const {
+  return m_state->algorithm;
+}
+std::size_t PublicKey::CoordinateSize() const {
+  return m_state->coordinateSize;
+}
 
 bool PublicKey::Verify(Padding padding, Digest digest, BytesView content, BytesView signature) const {
   const DigestContext context(EVP_MD_CTX_new());
@@ -166,7 +170,9 @@ std::optional<PrivateKey> PrivateKey::Decode(BytesView der) {
   return PrivateKey(std::move(state));
 }
 
-const std::string& PrivateKey::Algorithm() const { return m_state->algorithm; }
+const std::string& PrivateKey::Algorithm() const {
+  return m_state->algorithm;
+}
 
 std::size_t PrivateKey::ModulusSize() const {
   return static_cast<std::size_t>(EVP_PKEY_get_bits(m_state->key.get()) + 7) / 8;
