@@ -161,7 +161,7 @@ void RequireAllowed(const Handshake& handshake, const Extension& extension, Exte
   constexpr auto k13 = static_cast<std::uint8_t>(ExtensionPlace::kServerHello13);
   constexpr auto kRetry = static_cast<std::uint8_t>(ExtensionPlace::kHelloRetryRequest);
   constexpr auto kEncrypted = static_cast<std::uint8_t>(ExtensionPlace::kEncryptedExtensions);
-  // RFC 8446 §4.2 and, for TLS 1.2, RFC 6066, 7301, 7627, 5746, 8422. Some TLS 1.2 servers send their groups.
+  // RFC 8446 §4.2 and, for TLS 1.2, RFC 6066, 7301, 7627, 5746, 8422, 8449. Some TLS 1.2 servers send their groups.
   // clang-format off
   constexpr Row kRows[] = {
       {extension::kServerName,           k12 | kEncrypted},
@@ -169,6 +169,7 @@ void RequireAllowed(const Handshake& handshake, const Extension& extension, Exte
       {extension::kEcPointFormats,       k12},
       {extension::kAlpn,                 k12 | kEncrypted},
       {extension::kExtendedMasterSecret, k12},
+      {extension::kRecordSizeLimit,      k12 | kEncrypted},
       {extension::kSupportedVersions,    k13 | kRetry},
       {extension::kCookie,               kRetry},
       {extension::kKeyShare,             k13 | kRetry},

@@ -51,6 +51,7 @@ constexpr std::uint16_t kEcPointFormats = 11;
 constexpr std::uint16_t kSignatureAlgorithms = 13;
 constexpr std::uint16_t kAlpn = 16;
 constexpr std::uint16_t kExtendedMasterSecret = 23;
+constexpr std::uint16_t kRecordSizeLimit = 28;
 constexpr std::uint16_t kSupportedVersions = 43;
 constexpr std::uint16_t kCookie = 44;
 constexpr std::uint16_t kCertificateAuthorities = 47;

@@ -54,9 +54,9 @@ void OnAlert(Context& context, BytesView body) {
   if (body.size() != 2) throw ProtocolFailure{"Record size too big", alert::kUnexpectedMessage};
   const std::uint8_t description = body[1];
   if (description == alert::kCloseNotify) {
-    // Not an error: answered, and the end.
+    // Not an error: answered, unless this side had said so before, and the end.
     context.lastError = {};
-    WriteAlert(context, kLevelFatal, alert::kCloseNotify);
+    if (context.state != State::kShutdown) WriteAlert(context, kLevelFatal, alert::kCloseNotify);
     context.state = State::kClosed;
     return;
   }
