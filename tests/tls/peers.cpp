@@ -23,7 +23,7 @@ void EnginePeer::Feed(tls::BytesView input) {
   const bool done =
       Ready() ? tls::TlsReceive(context, input, plaintext, output) : tls::TlsHandshake(context, input, output);
   failed = failed || !done;
-  if (Ready() && !tls::TlsReceive(context, {}, plaintext, output)) failed = true;
+  if (!context.decrypted.empty() && !tls::TlsReceive(context, {}, plaintext, output)) failed = true;
 }
 
 void EnginePeer::Send(tls::BytesView data) {
