@@ -22,13 +22,13 @@ void ExpectTraffic(EnginePeer& engine, LibsslPeer& peer, std::size_t size = 3000
   peer.plaintext.clear();
   engine.Send(toPeer);
   peer.Send(toEngine);
-  Exchange(engine, peer, random);
+  Converse(engine, peer, random);
   EXPECT_TRUE(engine.plaintext == toEngine) << engine.Error();
   EXPECT_TRUE(peer.plaintext == toPeer) << peer.Error();
 }
 
 void ExpectReady(EnginePeer& engine, LibsslPeer& peer, std::mt19937* random = nullptr) {
-  Exchange(engine, peer, random);
+  Converse(engine, peer, random);
   ASSERT_FALSE(engine.failed) << engine.Error();
   ASSERT_FALSE(peer.failed) << peer.Error();
   ASSERT_TRUE(engine.Ready());
@@ -271,7 +271,7 @@ TEST(InteropLibssl, RenegotiationOnHelloRequest) {
         const Bytes verifyData = engine.context.localVerifyData;
         ASSERT_EQ(SSL_renegotiate(peer.Handle()), 1);
         SSL_do_handshake(peer.Handle());
-        Exchange(engine, peer);
+        Converse(engine, peer);
         EXPECT_TRUE(engine.Ready()) << engine.Error() << peer.Error();
         EXPECT_NE(engine.context.localVerifyData, verifyData);
         ExpectTraffic(engine, peer);
@@ -303,7 +303,7 @@ TEST(InteropLibssl, CloseFromEitherSide) {
     engine.StartClient(kBoth);
     ExpectReady(engine, peer);
     ASSERT_TRUE(tls::TlsShutdown(engine.context, engine.output));
-    Exchange(engine, peer);
+    Converse(engine, peer);
     EXPECT_TRUE(peer.closeNotified);
     EXPECT_EQ(engine.context.state, tls::State::kShutdown);
 
@@ -313,7 +313,7 @@ TEST(InteropLibssl, CloseFromEitherSide) {
     ExpectReady(other, closing);
     closing.Send(Pattern(100));
     SSL_shutdown(closing.Handle());
-    Exchange(other, closing);
+    Converse(other, closing);
     EXPECT_EQ(other.plaintext, Pattern(100));
     EXPECT_FALSE(other.failed);
     EXPECT_TRUE(other.Closed());

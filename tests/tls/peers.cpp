@@ -177,7 +177,7 @@ void FeedInPieces(Peer& peer, tls::BytesView bytes, std::mt19937* random) {
 
 }  // namespace
 
-void Exchange(EnginePeer& engine, LibsslPeer& peer, std::mt19937* random) {
+void Converse(EnginePeer& engine, LibsslPeer& peer, std::mt19937* random) {
   peer.Run();
   while (true) {
     const tls::Bytes toPeer = std::exchange(engine.output, {});

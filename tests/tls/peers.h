@@ -73,7 +73,7 @@ class LibsslPeer {
 };
 
 // Moves bytes both ways until neither side has any left. With `random` the bytes arrive in pieces of random size.
-void Exchange(EnginePeer& engine, LibsslPeer& peer, std::mt19937* random = nullptr);
+void Converse(EnginePeer& engine, LibsslPeer& peer, std::mt19937* random = nullptr);
 
 tls::Bytes Pattern(std::size_t size, unsigned seed = 1);
 
