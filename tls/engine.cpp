@@ -86,7 +86,8 @@ class Call {
 bool Usable(Context& context, std::string_view function) {
   const bool usable = !TlsIsClosed(context) && !context.busy;
   if (usable) {
-    context.lastError = {};
+    // Nothing to clear is the rule, and this is on the road of every record.
+    if (context.lastError.number != 0 || context.lastError.alertCode != kNoAlert) context.lastError = {};
   } else {
     Record(context, kEngineError, "Connection closed", std::string(kModule) + std::string(function), kNoAlert);
   }

@@ -389,6 +389,19 @@ TEST(TlsEngine, CloseNotifyIsNoError) {
   }
 }
 
+TEST(TlsEngine, InsecureRenegotiationIsDeclined) {
+  Connected connected(TLS1_2_VERSION);
+  EnginePeer& engine = connected.engine;
+  engine.context.secureRenegotiation = false;
+  SSL_renegotiate(connected.peer.Handle());
+  SSL_do_handshake(connected.peer.Handle());
+  engine.Feed(connected.peer.TakeOutput());
+  EXPECT_EQ(engine.context.state, State::kPostHandshake);
+  EXPECT_FALSE(engine.output.empty());
+  connected.peer.Feed(engine.output);
+  EXPECT_NE(connected.peer.Error().find("no renegotiation"), std::string::npos) << connected.peer.Error();
+}
+
 TEST(TlsEngine, LastErrorText) {
   Context context;
   context.lastError = {kEngineError, "Something", "mdTlsThunks.TlsSend", 40};

@@ -214,6 +214,9 @@ TEST(Rfc8448, HelloRetryRequest) {
   EXPECT_EQ(handshake.requestedGroup, 23);
   EXPECT_EQ(ToHex(handshake.cookie), kCookieText);
   EXPECT_EQ(context.state, State::kExpectServerHello);
+  // The engine's own second hello: the one group asked for, and the cookie.
+  EXPECT_NE(ToHex(out).find("000a000400020017"), std::string::npos);
+  EXPECT_NE(ToHex(out).find(std::string("002c00740072") + kCookieText), std::string::npos);
   // The trace's second hello in place of the engine's own.
   Transcript transcript;
   transcript.Append(FromHex(kFirstHello));
