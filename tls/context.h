@@ -18,11 +18,11 @@
 namespace quenmark::tls {
 
 // Limits on what a peer may make the engine hold or do.
-constexpr std::size_t kMaxHandshakeMessage = 256 * 1024;              // bytes of one message; larger: alert 50
-constexpr std::size_t kMaxHandshakeBytes = 4 * kMaxHandshakeMessage;  // of one whole handshake; more: alert 50
-constexpr std::size_t kMaxCertificates = 32;                          // of one chain; more: alert 50
-constexpr std::size_t kMaxSessionTickets = 4;                         // kept; older ones are dropped
-constexpr std::size_t kMaxTicketBytes = 2048;                         // a longer ticket is not kept
+constexpr std::size_t kMaxHandshakeMessage = std::size_t{256} * 1024;  // bytes of one message; larger: alert 50
+constexpr std::size_t kMaxHandshakeBytes = 4 * kMaxHandshakeMessage;   // of one whole handshake; more: alert 50
+constexpr std::size_t kMaxCertificates = 32;                           // of one chain; more: alert 50
+constexpr std::size_t kMaxSessionTickets = 4;                          // kept; older ones are dropped
+constexpr std::size_t kMaxTicketBytes = 2048;                          // a longer ticket is not kept
 constexpr int kMaxIdleRecords =
     32;  // records in a row that bring nothing (empty, warning, ChangeCipherSpec, key update)
 constexpr int kMaxCertificatePrompts = 8;             // calls of the owner for one certificate request

@@ -144,8 +144,9 @@ std::vector<Extension> ReadExtensions(ByteReader& reader) {
       if (reader.Ok()) extensions.push_back({type, data});
     }
   });
-  std::vector<std::uint16_t> types;
-  for (const Extension& extension : extensions) types.push_back(extension.type);
+  std::vector<std::uint16_t> types(extensions.size());
+  std::transform(extensions.begin(), extensions.end(), types.begin(),
+                 [](const Extension& extension) { return extension.type; });
   std::sort(types.begin(), types.end());
   const auto twice = std::adjacent_find(types.begin(), types.end());
   if (twice != types.end()) UnexpectedExtension(*twice);
