@@ -270,7 +270,7 @@ SocketResult SystemSocketApi::SetOption(SocketHandle handle, std::int32_t level,
       return SocketResult::Failure(kWsaNoProtocolOption);
     case OptionKind::kMilliseconds: {
       if (value < 0) return SocketResult::Failure(kWsaInvalid);
-      return write(timeval{value / 1000, (value % 1000) * 1000});
+      return write(timeval{value / 1000, (value % 1000) * 1000L});
     }
     case OptionKind::kLinger:
       return write(linger{(value & 0xFFFF) != 0, static_cast<int>(static_cast<std::uint32_t>(value) >> 16)});
