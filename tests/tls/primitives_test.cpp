@@ -29,7 +29,7 @@ struct AeadVector {
 };
 
 const AeadVector kAead[] = {
-    // NIST GCM specification (McGrew, Viega), test case 4
+    // NIST GCM test vectors (McGrew, Viega), case 4
     {Bulk::kAes128Gcm, "feffe9928665731c6d6a8f9467308308", "cafebabefacedbaddecaf888",
      "feedfacedeadbeeffeedfacedeadbeefabaddad2",
      "d9313225f88406e5a55909c5aff5269a86a7a9531534f7da2e4c303d8a318a721c3c0c95956809532fcf0e2449a6b525b16aedf5aa0de657"
