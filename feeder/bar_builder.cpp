@@ -1,5 +1,6 @@
 #include "feeder/bar_builder.h"
 
+#include "feeder/quote_record.h"
 #include "platform/files.h"
 #include "platform/number_text.h"
 #include "platform/run_time_error.h"
@@ -13,7 +14,6 @@ namespace quenmark::feeder {
 namespace {
 
 constexpr std::size_t kDateLength = 8;
-constexpr std::size_t kStampLength = 14;
 constexpr std::string_view kFinishedTag = "(0)-";
 constexpr std::string_view kCurrentTag = "(LM)-";
 
@@ -30,7 +30,7 @@ double Whole(double value) {
 BarBuilder::BarBuilder(std::string programFolder) : m_programFolder(std::move(programFolder)) {}
 
 void BarBuilder::Update(std::string_view symbol, double last, std::string_view stamp) {
-  if (stamp.size() != kStampLength || !std::isfinite(last)) return;
+  if (!IsStamp(stamp) || !std::isfinite(last)) return;
   const std::string_view date = stamp.substr(0, kDateLength);
   const std::string_view minute = stamp.substr(kDateLength, 4);
   if (date != m_date) {

@@ -154,7 +154,8 @@ frmPBF::TickEnd frmPBF::RunTradier() {
 }
 
 void frmPBF::RunCompanion(const Companion& companion) {
-  m_context.store.SaveSetting(kConfigurationApp, companion.section, "app", m_context.settingsApp);
+  IgnoreErrors(
+      [&] { m_context.store.SaveSetting(kConfigurationApp, companion.section, "app", m_context.settingsApp); });
   if (platform::FindProcess(m_processes, companion.program) == 0) {
     providers::OpenDocument(m_context, m_context.programFolder + "\\" + std::string(companion.program));
   }

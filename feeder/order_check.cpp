@@ -7,6 +7,7 @@
 #include "providers/numbers.h"
 
 #include <cmath>
+#include <optional>
 #include <string>
 
 namespace quenmark::feeder {
@@ -33,12 +34,13 @@ class Walk {
         m_now(platform::FormatPattern(context.clock.LocalNow(), "yyyymmddhhnnss")) {}
 
   void Run() {
-    // Read anew after every handled entry. An entry that could not be deleted would be met for ever, so a list that has
-    // not become shorter ends the walk.
-    for (auto left = Entries(); HandleFirst(left);) {
-      auto now = Entries();
-      if (now.size() >= left.size()) return;
-      left = std::move(now);
+    // Read anew after every handled entry. One that could not be deleted would be met for ever: it ends the walk.
+    auto entries = Entries();
+    while (const auto handled = HandleFirst(entries)) {
+      entries = Entries();
+      for (const auto& [key, value] : entries) {
+        if (key == *handled) return;
+      }
     }
   }
 
@@ -52,11 +54,12 @@ class Walk {
 
   platform::SettingsStore::Pairs Entries() { return m_context.store.GetAllSettings(kOrdersApp, Section("Open-")); }
 
-  bool HandleFirst(const platform::SettingsStore::Pairs& entries) {
+  // The key of the first entry that could be handled.
+  std::optional<std::string> HandleFirst(const platform::SettingsStore::Pairs& entries) {
     for (const auto& [key, value] : entries) {
-      if (Handle(key, value) == Outcome::kHandled) return true;
+      if (Handle(key, value) == Outcome::kHandled) return key;
     }
-    return false;
+    return std::nullopt;
   }
 
   Outcome Handle(const std::string& key, const std::string& value) {

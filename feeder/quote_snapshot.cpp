@@ -8,8 +8,10 @@
 #include "providers/dates.h"
 #include "providers/descriptions.h"
 #include "providers/get_between.h"
+#include "providers/http_requests.h"
 #include "providers/json_objects.h"
 #include "providers/numbers.h"
+#include "providers/symbol_catalogue.h"
 #include "providers/text_pieces.h"
 
 #include <string>
@@ -17,7 +19,6 @@
 namespace quenmark::feeder {
 namespace {
 
-using platform::RunTimeError;
 using providers::Context;
 using providers::GetBetween;
 
@@ -25,17 +26,13 @@ constexpr std::string_view kStationCopyApp = "Dovecrest";
 
 double Number(std::string_view text) {
   const auto value = platform::ParseNumber(text);
-  if (!value) throw RunTimeError(platform::kErrorTypeMismatch, "Type mismatch");
+  if (!value) platform::RaiseTypeMismatch();
   return *value;
-}
-
-providers::DateRules DateRulesOf(const Context& context) {
-  return {context.gmtOffsetMinutes, context.clock.LocalNow().year, context.locale};
 }
 
 // A conversion that fails ends the writer for its object.
 void RequireStamp(std::string_view stamp) {
-  if (!IsStamp(stamp)) throw RunTimeError(platform::kErrorTypeMismatch, "Type mismatch");
+  if (!IsStamp(stamp)) platform::RaiseTypeMismatch();
 }
 
 // What both providers' objects come to before the records are written.
@@ -65,8 +62,7 @@ void WriteSnapshot(Context& context, const Snapshot& snapshot, bool copyForStati
   if (snapshot.hasBook) WriteBook(context, quote.symbol, snapshot.book);
 }
 
-// --- Tradier: `"key":` then a bare number up to the next comma, texts in quotes
-// ----------------------------------------
+// Tradier: `"key":` then a bare number up to the next comma, texts in quotes.
 
 class TradierObject {
  public:
@@ -80,14 +76,13 @@ class TradierObject {
 };
 
 void KeepCatalogueEntry(Context& context, const TradierObject& object, std::string_view symbol) {
-  const std::string key = platform::AsciiUpper(symbol);
-  if (!context.store.GetSetting(context.providerName, "Symbols", key).empty()) return;
+  if (!CatalogueEntry(context, context.providerName, symbol).empty()) return;
   std::string entry;
   entry.append(R"({"symbol":")").append(symbol);
   entry.append(R"(","description":")").append(object.Text(R"("description":")"));
   entry.append(R"(","exch":")").append(object.Text(R"("exch":")"));
   entry.append(R"(","type":")").append(object.Text(R"("type":")")).append(R"("})");
-  context.store.SaveSetting(context.providerName, "Symbols", key, entry);
+  SaveCatalogueEntry(context, context.providerName, symbol, entry);
 }
 
 // Before the first trade of a day the provider sends nulls and no volume: the last price stands in for them. False when
@@ -138,19 +133,20 @@ void ApplyTradierObject(Context& context, std::string_view text) {
 
 void ApplyTradierAnswer(Context& context, std::string_view answer) {
   std::string_view list = providers::TextAfter(answer, R"("quote":[)");
-  if (list.empty()) {
-    const std::size_t single = answer.find(R"("quote":{)");
-    if (single == std::string_view::npos) return;
-    list = answer.substr(single + std::string_view(R"("quote":)").size());
+  const bool single = list.empty();
+  if (single) {
+    const std::size_t found = answer.find(R"("quote":{)");
+    if (found == std::string_view::npos) return;
+    list = answer.substr(found + std::string_view(R"("quote":)").size());
   }
   providers::JsonObjects objects(list);
   while (const auto object = objects.Next()) {
     platform::IgnoreErrors([&] { ApplyTradierObject(context, *object); });
+    if (single) return;  // what stands behind it ("unmatched_symbols") is no quote
   }
 }
 
-// --- TradeStation: lower-cased, every value a text in quotes
-// -----------------------------------------------------------
+// TradeStation: lower-cased, every value a text in quotes.
 
 std::string_view StationValue(std::string_view object, std::string_view key) {
   std::string marker;
@@ -166,10 +162,9 @@ void ApplyStationObject(Context& context, std::string_view object) {
 
   std::string_view volume = StationValue(object, "volume");
   if (volume == "0") volume = "1";
-  const std::string local = providers::StreamTimeToLocal(StationValue(object, "tradetime"), DateRulesOf(context));
-  const std::string stamp = providers::WithoutCharacters(local, "-T:Z");
+  const std::string stamp = StampOf(StationLocalTime(context, StationValue(object, "tradetime")));
   RequireStamp(stamp);
-  if (!platform::IsNumeric(volume)) throw RunTimeError(platform::kErrorTypeMismatch, "Type mismatch");
+  if (!platform::IsNumeric(volume)) platform::RaiseTypeMismatch();
   // Before the first trade of a day these are null: the last price stands in for them.
   const std::string_view last = StationValue(object, "last");
   const auto price = [object, last](std::string_view key) {
@@ -198,6 +193,7 @@ void ApplyStationAnswer(Context& context, std::string_view answer) {
 }  // namespace
 
 void ApplyQuoteSnapshot(Context& context, std::string_view answer) {
+  if (providers::RequestFailed(answer)) return;
   if (providers::Contains(platform::AsciiLower(context.providerName), "tradestation")) {
     ApplyStationAnswer(context, answer);
   } else {

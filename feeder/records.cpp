@@ -1,8 +1,8 @@
 #include "feeder/records.h"
 
 #include "platform/number_text.h"
-
-#include <string>
+#include "providers/dates.h"
+#include "providers/text_pieces.h"
 
 namespace quenmark::feeder {
 namespace {
@@ -30,6 +30,14 @@ QuoteOrder QAnt(providers::Context& context, std::string_view symbol, std::strin
     context.store.DeleteSection(context.settingsApp, providers::kMinuteBarSection);
   }
   return QuoteOrder::kOk;
+}
+
+std::string StationLocalTime(const providers::Context& context, std::string_view utc) {
+  return providers::StreamTimeToLocal(utc, {context.gmtOffsetMinutes, context.clock.LocalNow().year, context.locale});
+}
+
+std::string StampOf(std::string_view localTime) {
+  return providers::WithoutCharacters(localTime, "-T:Z");
 }
 
 void WritePreviousClose(providers::Context& context, std::string_view symbol, std::string_view numberText) {

@@ -4,6 +4,7 @@
 #include "feeder/quote_record.h"
 #include "providers/context.h"
 
+#include <string>
 #include <string_view>
 
 namespace quenmark::feeder {
@@ -13,6 +14,10 @@ enum class QuoteOrder { kOk, kNo };
 // `QAnt`: kNo when the stored record of the symbol is newer than the stamp (yyyymmddHHMMss). A stamp that is not older
 // and whose minute ends in another digit drops the minute-bar cache.
 QuoteOrder QAnt(providers::Context& context, std::string_view symbol, std::string_view stamp);
+
+// A TradeStation time (UTC) as local time in layout "GMT", and such a time as a stamp; what is no time gives no stamp.
+std::string StationLocalTime(const providers::Context& context, std::string_view utc);
+std::string StampOf(std::string_view localTime);
 
 // The previous close under symbol + "-pc".
 void WritePreviousClose(providers::Context& context, std::string_view symbol, std::string_view numberText);

@@ -6,11 +6,11 @@
 #include "platform/code_page.h"
 #include "platform/number_text.h"
 #include "platform/run_time_error.h"
-#include "providers/dates.h"
 #include "providers/get_between.h"
 #include "providers/http_requests.h"
 #include "providers/numbers.h"
 #include "providers/station_symbols.h"
+#include "providers/symbol_catalogue.h"
 #include "providers/text_pieces.h"
 
 #include <utility>
@@ -28,9 +28,10 @@ constexpr int kSecurePort = 443;
 providers::StreamTarget TargetOf(const Context& context) {
   providers::StreamTarget target;
   target.host = providers::GetBetween(context.apiBase, "//", "/");
-  const std::size_t colon = target.host.find(':');
+  const std::size_t colon = target.host.find(':', target.host.find(']') + 1);  // an IPv6 host has its own in brackets
   if (colon != std::string::npos) {
-    target.port = static_cast<int>(platform::ReadNumber(std::string_view(target.host).substr(colon + 1)));
+    const double port = platform::ReadNumber(std::string_view(target.host).substr(colon + 1));
+    target.port = port >= 1 && port <= 65535 ? static_cast<int>(port) : 0;  // 0 fails to connect
     target.host.resize(colon);
   }
   target.secure = target.port == kSecurePort || context.apiBase.starts_with("https:");
@@ -39,13 +40,8 @@ providers::StreamTarget TargetOf(const Context& context) {
   return target;
 }
 
-std::string StampOf(std::string_view localTime) {
-  return providers::WithoutCharacters(localTime, "-T:Z");
-}
-
 void TakeQuote(Context& context, const providers::StreamQuote& quote) {
-  const std::string localTime = providers::StreamTimeToLocal(
-      quote.tradeTime, {context.gmtOffsetMinutes, context.clock.LocalNow().year, context.locale});
+  const std::string localTime = StationLocalTime(context, quote.tradeTime);
   const std::string stamp = StampOf(localTime);
   if (quote.symbol.empty() || !IsStamp(stamp)) return;
   if (QAnt(context, quote.symbol, stamp) != QuoteOrder::kOk) return;
@@ -94,15 +90,17 @@ void WriteStreamQuote(Context& context, std::string_view last, std::string_view 
 }
 
 void FillStationCatalogue(Context& context, std::string_view subscribedList) {
+  // A copy: while the answer is awaited, a stream quote may set the provider name.
+  const std::string application = context.providerName;
   std::string missing;
   const std::string symbols = providers::JoinedSymbols(subscribedList);
   for (const std::string_view symbol : providers::Split(symbols, ',')) {
-    const std::string key = platform::AsciiUpper(symbol);
-    if (!context.store.GetSetting(context.providerName, providers::kSymbolsSection, key).empty()) continue;
-    missing += missing.empty() ? key : "," + key;
+    if (!CatalogueEntry(context, application, symbol).empty()) continue;
+    if (!missing.empty()) missing += ',';
+    missing += platform::AsciiUpper(symbol);
   }
   if (missing.size() < 2) return;
-  providers::FetchStationSymbols(context, context.providerName, missing);
+  providers::FetchStationSymbols(context, application, missing);
 }
 
 StationStream::StationStream(Context& context, const providers::OpenSymbols& open, std::string& subscribed,
@@ -123,13 +121,17 @@ void StationStream::ActOnNewCharts() {
   IgnoreErrors([&] { FillStationCatalogue(m_context, m_subscribed); });
   if (m_subscribed.empty()) return;
   const std::string symbols = providers::JoinedSymbols(m_subscribed);
-  ApplyQuoteSnapshot(m_context, providers::StationRequest(m_context, "marketdata/quotes/" + symbols));
+  ApplyQuoteSnapshot(m_context,
+                     providers::StationRequest(m_context, "marketdata/quotes/" + providers::InPath(symbols)));
 }
 
 void StationStream::ReadForTick() {
   if (!m_subscribed.empty()) m_lastResult = Read();
   if (!m_lastResult.statusLine.empty() && m_lastResult.statusCode != 200) {
-    m_context.store.SaveSetting(providers::kConfigurationApp, providers::kApiSection, "SID", providers::kAskNewSession);
+    IgnoreErrors([&] {
+      m_context.store.SaveSetting(providers::kConfigurationApp, providers::kApiSection, "SID",
+                                  providers::kAskNewSession);
+    });
     m_context.EndProgram("the quote stream was refused");
   }
 }
@@ -152,7 +154,7 @@ providers::HttpResult StationStream::Read() {
   };
   const Reading reading(m_reading);
   providers::StreamTarget target = TargetOf(m_context);
-  target.path = std::string(kStreamPath) + providers::JoinedSymbols(m_subscribed);
+  target.path = std::string(kStreamPath) + providers::InPath(providers::JoinedSymbols(m_subscribed));
   providers::StreamHooks hooks;
   hooks.symbolList = m_subscribed;
   hooks.onQuote = [this](const providers::StreamQuote& quote) { TakeQuote(m_context, quote); };

@@ -33,7 +33,7 @@ class StationStream {
   const providers::OpenSymbols& m_open;
   std::string& m_subscribed;
   platform::Timer& m_restart;
-  providers::HttpResult m_lastResult;  // of the last read begun by a tick
+  providers::HttpResult m_lastResult;  // of the last read
   bool m_reading = false;
   bool m_readDue = false;  // a tick came while a restarted read was running
 };

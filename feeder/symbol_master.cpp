@@ -7,6 +7,7 @@
 #include "providers/json.h"
 #include "providers/numbers.h"
 #include "providers/station_symbols.h"
+#include "providers/symbol_catalogue.h"
 #include "providers/symbol_directory.h"
 #include "providers/text_pieces.h"
 
@@ -17,7 +18,6 @@ namespace {
 
 using providers::Context;
 using providers::JsonValue;
-using providers::kSymbolsSection;
 
 constexpr std::string_view kVendorProvider = "Quenmark";
 constexpr std::string_view kTradierProvider = "Tradier";
@@ -26,19 +26,17 @@ constexpr double kTick = 0.01;
 void FillFromDirectory(Context& context, std::string_view symbol) {
   providers::LoadSymbolDirectory(context);
   const std::string_view entry = providers::DirectoryEntry(context.symbolDirectory, symbol);
-  if (!entry.empty()) context.store.SaveSetting(kVendorProvider, kSymbolsSection, platform::AsciiUpper(symbol), entry);
+  if (!entry.empty()) SaveCatalogueEntry(context, kVendorProvider, symbol, entry);
 }
 
 void StoreSecurity(Context& context, const JsonValue& security) {
-  platform::IgnoreErrors([&] {
-    const std::string symbol = platform::AsciiUpper(security.At("symbol").Text());
-    if (!symbol.empty()) context.store.SaveSetting(kTradierProvider, kSymbolsSection, symbol, ToJson(security));
-  });
+  platform::IgnoreErrors(
+      [&] { SaveCatalogueEntry(context, kTradierProvider, security.At("symbol").Text(), ToJson(security)); });
 }
 
 void FillFromLookup(Context& context, std::string_view symbol) {
   const std::string answer = ApiRequest(context, "markets/lookup?q=" + providers::InQuery(symbol));
-  if (answer.starts_with(providers::kRequestFailed)) return;
+  if (providers::RequestFailed(answer)) return;
   const providers::JsonDocument document = providers::ParseJson(answer);
   // One match comes as a bare object, several as a list, none as null.
   const JsonValue& found = document.Value().At("securities").At("security");
@@ -84,11 +82,10 @@ std::string PegaTickFatorLote(Context& context, std::string_view symbol, std::st
   if (symbol.empty()) return {};
   for (const ProviderRow& row : kProviders) {
     if (row.name != context.providerName) continue;
-    const std::string key = platform::AsciiUpper(symbol);
-    std::string entry = context.store.GetSetting(row.name, kSymbolsSection, key);
+    std::string entry = CatalogueEntry(context, row.name, symbol);
     if (entry.empty()) {
       platform::IgnoreErrors([&] { row.fill(context, symbol); });
-      entry = context.store.GetSetting(row.name, kSymbolsSection, key);
+      entry = CatalogueEntry(context, row.name, symbol);
     }
     std::string answer;
     platform::IgnoreErrors([&] { answer = row.read(entry, platform::AsciiLower(question)); });

@@ -55,7 +55,7 @@ void TradierPolling::Tick() {
     PollExtendedHours();
     return;
   }
-  if (unchanged || m_subscribed.empty()) platform::IgnoreErrors([&] { TakeSnapshot(); });
+  if (unchanged || m_subscribed.empty()) TakeSnapshot();
   AskMarketClock();
 }
 
@@ -84,7 +84,9 @@ void TradierPolling::PollBar(std::string_view symbol) {
 void TradierPolling::TakeSnapshot() {
   m_subscribed = platform::AsciiUpper(m_open.Text());
   if (!m_subscribed.empty()) {
-    ApplyQuoteSnapshot(m_context, ApiRequest(m_context, SnapshotPath(providers::JoinedSymbols(m_subscribed))));
+    platform::IgnoreErrors([&] {
+      ApplyQuoteSnapshot(m_context, ApiRequest(m_context, SnapshotPath(providers::JoinedSymbols(m_subscribed))));
+    });
   }
   m_context.loop.Sleep(kPauseAfterSnapshot);
 }
@@ -92,7 +94,8 @@ void TradierPolling::TakeSnapshot() {
 void TradierPolling::AskMarketClock() {
   m_subscribed = platform::AsciiUpper(m_open.Text());
   const std::string answer = ApiRequest(m_context, std::string(kClockPath));
-  const std::string_view state = GetBetween(answer, R"("state":")", "\"");
+  const std::string_view state =
+      providers::RequestFailed(answer) ? std::string_view{} : GetBetween(answer, R"("state":")", "\"");
   if (state.starts_with("pre") || state.starts_with("post")) {
     m_setTickInterval(kExtendedInterval);
     m_extendedHoursFlag = "Y";

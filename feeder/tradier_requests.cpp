@@ -16,7 +16,7 @@ std::string MinuteBarsPath(std::string_view symbol, std::string_view start) {
 }
 
 std::string_view NewestBar(std::string_view answer) {
-  if (answer.starts_with(providers::kRequestFailed)) return {};
+  if (providers::RequestFailed(answer)) return {};
   return providers::AfterLast(answer, R"("time")");
 }
 

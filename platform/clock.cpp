@@ -8,7 +8,7 @@
 namespace quenmark::platform {
 namespace {
 
-constexpr time_t kWeek = 7 * 24 * 3600;
+constexpr time_t kWeek = time_t{7} * 24 * 3600;
 constexpr int kWeeksPerYear = 52;
 
 tm Local(time_t when) {

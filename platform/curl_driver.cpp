@@ -11,7 +11,7 @@
 namespace quenmark::platform {
 namespace {
 
-constexpr long kLargestHead = 512 * 1024;  // bytes
+constexpr long kLargestHead = 512L * 1024;  // bytes
 constexpr long kIdleConnections = 16;
 
 CURLM* MakeMulti() {

@@ -34,6 +34,10 @@ class RunTimeError : public std::exception {
   std::string m_source;
 };
 
+[[noreturn]] inline void RaiseTypeMismatch() {
+  throw RunTimeError(kErrorTypeMismatch, "Type mismatch");
+}
+
 // Runs one statement; a fault in it is ignored. Returns whether it ran to its end. What is not derived from
 // std::exception (a test's stand-in for the end of the process) passes through.
 template <typename Statement>

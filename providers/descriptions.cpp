@@ -18,6 +18,7 @@ std::string_view BeforeColon(std::string_view symbol) {
 
 std::string FromTradier(Context& context, std::string_view symbol) {
   const std::string answer = ApiRequest(context, "markets/lookup?q=" + InQuery(symbol));
+  if (RequestFailed(answer)) return {};
   return std::string(GetBetween(answer, R"("description":")", "\""));
 }
 
@@ -65,7 +66,7 @@ std::string GetSymbolDescription(Context& context, std::string_view symbol, std:
 
   const std::string description = AskProvider(context, symbol, providerName);
   if (description.empty()) return std::string(symbol);
-  const std::string doubled = ReplaceAll(description, "&", "&&");
+  std::string doubled = ReplaceAll(description, "&", "&&");
   context.store.SaveSetting(context.settingsApp, kSection, symbol, doubled);
   return doubled;
 }
@@ -73,8 +74,9 @@ std::string GetSymbolDescription(Context& context, std::string_view symbol, std:
 void DescribedSymbols::Refresh(Context& context) {
   const std::uint64_t revision = context.store.SectionRevision(context.settingsApp, kSection);
   if (m_read && revision == m_revision) return;
+  const auto entries = context.store.GetAllSettings(context.settingsApp, kSection);
   m_symbols.clear();
-  for (const auto& [symbol, description] : context.store.GetAllSettings(context.settingsApp, kSection)) {
+  for (const auto& [symbol, description] : entries) {
     if (!description.empty()) m_symbols.insert(platform::AsciiUpper(symbol));
   }
   m_revision = revision;

@@ -1,5 +1,7 @@
 #include "providers/get_between.h"
 
+#include "providers/text_pieces.h"
+
 #include <cstring>
 
 namespace quenmark::providers {
@@ -20,12 +22,6 @@ std::size_t FindMarker(std::string_view text, std::string_view marker, std::size
 
 }  // namespace
 
-std::string_view TrimSpaces(std::string_view text) {
-  while (!text.empty() && text.front() == ' ') text.remove_prefix(1);
-  while (!text.empty() && text.back() == ' ') text.remove_suffix(1);
-  return text;
-}
-
 std::string_view GetBetween(std::string_view text, std::string_view start, std::string_view end) {
   if (text.empty()) return {};
   const std::size_t found = FindMarker(text, start, 0);
@@ -33,7 +29,7 @@ std::string_view GetBetween(std::string_view text, std::string_view start, std::
   const std::size_t first = found + start.size();
   const std::size_t last = FindMarker(text, end, first);
   if (last == std::string_view::npos) return {};
-  return TrimSpaces(text.substr(first, last - first));
+  return Trimmed(text.substr(first, last - first));
 }
 
 }  // namespace quenmark::providers

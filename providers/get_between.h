@@ -9,7 +9,4 @@ namespace quenmark::providers {
 // is missing. An empty marker occurs everywhere. The result is a view into `text`.
 std::string_view GetBetween(std::string_view text, std::string_view start, std::string_view end);
 
-// `text` without leading and trailing spaces.
-std::string_view TrimSpaces(std::string_view text);
-
 }  // namespace quenmark::providers

@@ -53,7 +53,7 @@ std::optional<std::string> LocalFileAnswer(const Context& context, std::string_v
   const std::string_view time = record.substr(0, second);
   const std::string_view hundredths = record.substr(third + 1, record.find('|', third + 1) - third - 1);
   const auto price = platform::ParseNumber(hundredths);
-  if (!price) throw RunTimeError(platform::kErrorTypeMismatch, "Type mismatch");
+  if (!price) platform::RaiseTypeMismatch();
   return fmt::format(R"("time":"{}00","timestamp":0,"price":{},)", time,
                      FormatNum(*price / 100, 2, false, platform::kLocaleEnglishUs, false));
 }
@@ -117,7 +117,7 @@ std::string RequestOrRaise(Context& context, std::string& path, std::string_view
   const std::string address = path.starts_with("http") ? path : context.apiBase + path;
   const auto request = SendWithToken(context, post ? "POST" : "GET", address, body);
   if (request->Status() != 200) {
-    return fmt::format("{}{}|{}", kRequestFailed, request->Status(), request->responseText());
+    return fmt::format("not_auth{}|{}", request->Status(), request->responseText());
   }
   const std::string& answer = request->responseText();
   if (minuteBars && !Contains(answer, ":null")) {
@@ -139,7 +139,7 @@ std::string ApiRequest(Context& context, std::string& path, std::string_view bod
     return RequestOrRaise(context, path, body);
   } catch (const RunTimeError& error) {
     context.log.Error("request failed: {}", error.Description());
-    return fmt::format("{}0|{}", kRequestFailed, error.Description());
+    return fmt::format("not_auth0|{}", error.Description());
   }
 }
 

@@ -8,8 +8,12 @@
 
 namespace quenmark::providers {
 
-// Callers recognise a failed ApiRequest by this beginning of its result.
-inline constexpr std::string_view kRequestFailed = "not_auth";
+// Whether the result of an ApiRequest is a failure. What the server said stands in it, so it must not be read as an
+// answer.
+inline bool RequestFailed(std::string_view result) {
+  return result.starts_with("not_auth");
+}
+
 // The name this program gives itself: executable name "/" version " (N; en-GB; DAEMON)".
 std::string BuildUserAgent();
 

@@ -14,10 +14,6 @@ constexpr std::int32_t kErrorInvalidUseOfNull = 94;
   throw platform::RunTimeError(kErrorInvalidUseOfNull, "Invalid use of Null");
 }
 
-[[noreturn]] void RaiseTypeMismatch() {
-  throw platform::RunTimeError(platform::kErrorTypeMismatch, "Type mismatch");
-}
-
 }  // namespace
 
 JsonValue JsonValue::Null() {
@@ -76,7 +72,7 @@ std::string JsonValue::Text() const {
     case JsonKind::kList:
       break;
   }
-  RaiseTypeMismatch();
+  platform::RaiseTypeMismatch();
 }
 
 double JsonValue::Number() const {
@@ -98,7 +94,7 @@ double JsonValue::Number() const {
     case JsonKind::kList:
       break;
   }
-  RaiseTypeMismatch();
+  platform::RaiseTypeMismatch();
 }
 
 platform::CivilTime JsonValue::Date() const {

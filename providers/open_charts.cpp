@@ -8,9 +8,9 @@ namespace quenmark::providers {
 void OpenSymbols::Rebuild(Context& context) {
   const std::uint64_t revision = context.store.SectionRevision(context.settingsApp, kOpenChartsSection);
   if (m_read && revision == m_revision) return;
+  const auto entries = context.store.GetAllSettings(context.settingsApp, kOpenChartsSection);
   m_text.clear();
   m_symbols.clear();
-  const auto entries = context.store.GetAllSettings(context.settingsApp, kOpenChartsSection);
   std::unordered_set<std::string_view> seen;  // views into `entries`
   for (const auto& [chart, symbol] : entries) {
     if (symbol.empty() || symbol.find_first_of("\",") != std::string::npos || !seen.insert(symbol).second) continue;

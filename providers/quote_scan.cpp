@@ -47,7 +47,9 @@ void QuoteScan::Feed(std::string_view piece) {
 
 void QuoteScan::Take(char c) {
   if (m_depth > 0) m_object += Lower(c);
-  if (m_escaped) {
+  if (m_object.size() > kLargestObject) {
+    Drop();
+  } else if (m_escaped) {
     m_escaped = false;
   } else if (m_inText) {
     if (c == '\\') m_escaped = true;

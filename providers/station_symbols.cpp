@@ -6,6 +6,7 @@
 #include "providers/http_requests.h"
 #include "providers/json.h"
 #include "providers/numbers.h"
+#include "providers/symbol_catalogue.h"
 #include "providers/text_pieces.h"
 
 #include <algorithm>
@@ -18,7 +19,7 @@ constexpr double kMostDecimals = 28;
 // `increment` with as many decimals as the format says.
 std::string WithDecimals(const JsonValue& format, std::string_view increment) {
   const JsonValue& value = format.At(increment);
-  if (value.IsEmpty()) throw platform::RunTimeError(platform::kErrorTypeMismatch, "Type mismatch");
+  if (value.IsEmpty()) platform::RaiseTypeMismatch();
   const double decimals = std::clamp(format.At("Decimals").Number(), 0.0, kMostDecimals);
   return FormatNum(value.Text(), static_cast<int>(decimals), false, platform::kLocaleEnglishUs, true);
 }
@@ -34,16 +35,14 @@ void StoreStationSymbols(Context& context, std::string_view application, std::st
   const JsonDocument document = ParseJson(answer);
   for (const std::string_view list : {"Symbols", "Errors"}) {
     for (const JsonValue& element : document.Value().At(list).Items()) {
-      platform::IgnoreErrors([&] {
-        const std::string symbol = element.At("Symbol").Text();
-        if (!symbol.empty()) context.store.SaveSetting(application, kSymbolsSection, symbol, ToJson(element));
-      });
+      platform::IgnoreErrors(
+          [&] { SaveCatalogueEntry(context, application, element.At("Symbol").Text(), ToJson(element)); });
     }
   }
 }
 
 void FetchStationSymbols(Context& context, std::string_view application, std::string_view symbols) {
-  StoreStationSymbols(context, application, StationRequest(context, "marketdata/symbols/" + std::string(symbols)));
+  StoreStationSymbols(context, application, StationRequest(context, "marketdata/symbols/" + InPath(symbols)));
 }
 
 std::string StationSymbolField(std::string_view record, std::string_view field) {
@@ -69,10 +68,10 @@ std::string StationSymbolField(std::string_view record, std::string_view field) 
 std::string GetStationSymbolInfo(Context& context, std::string_view symbol, std::string_view field) {
   context.providerName = kStationProvider;
   const std::string key = platform::AsciiUpper(symbol);
-  std::string record = context.store.GetSetting(kStationProvider, kSymbolsSection, key);
+  std::string record = CatalogueEntry(context, kStationProvider, key);
   if (record.empty()) {
     platform::IgnoreErrors([&] { FetchStationSymbols(context, kStationProvider, key); });
-    record = context.store.GetSetting(kStationProvider, kSymbolsSection, key);
+    record = CatalogueEntry(context, kStationProvider, key);
   }
   return StationSymbolField(record, field);
 }

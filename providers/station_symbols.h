@@ -8,7 +8,6 @@
 
 namespace quenmark::providers {
 
-inline constexpr std::string_view kSymbolsSection = "Symbols";
 inline constexpr std::string_view kStationProvider = "TradeStation";
 
 // Stores every element of the answer's "Symbols" list and then of its "Errors" list as JSON text under its "Symbol" in

@@ -5,6 +5,23 @@
 #include <iterator>
 
 namespace quenmark::providers {
+namespace {
+
+// The text with these characters as %XX.
+std::string Escaped(std::string_view text, std::string_view special) {
+  std::string escaped;
+  escaped.reserve(text.size());
+  for (const char c : text) {
+    if (special.find(c) == std::string_view::npos) {
+      escaped += c;
+    } else {
+      fmt::format_to(std::back_inserter(escaped), "%{:02X}", c);
+    }
+  }
+  return escaped;
+}
+
+}  // namespace
 
 std::string ReplaceAll(std::string_view text, std::string_view from, std::string_view to) {
   if (from.empty()) return std::string(text);
@@ -51,17 +68,11 @@ std::string_view AfterLast(std::string_view text, std::string_view marker) {
 }
 
 std::string InQuery(std::string_view symbols) {
-  constexpr std::string_view kSpecial = "%&#+";
-  std::string query;
-  query.reserve(symbols.size());
-  for (const char c : symbols) {
-    if (kSpecial.find(c) == std::string_view::npos) {
-      query += c;
-    } else {
-      fmt::format_to(std::back_inserter(query), "%{:02X}", c);
-    }
-  }
-  return query;
+  return Escaped(symbols, "%&#+");
+}
+
+std::string InPath(std::string_view symbols) {
+  return Escaped(symbols, "%?#");
 }
 
 std::string_view ScalarAfter(std::string_view text, std::string_view marker) {

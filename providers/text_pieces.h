@@ -30,6 +30,9 @@ std::string_view AfterLast(std::string_view text, std::string_view marker);
 // is written as %XX.
 std::string InQuery(std::string_view symbols);
 
+// The same in the path of an address.
+std::string InPath(std::string_view symbols);
+
 // What stands between the start marker and the next comma or the end of the text, trimmed; "" without the marker. So a
 // JSON number is read whether or not another field follows it.
 std::string_view ScalarAfter(std::string_view text, std::string_view marker);

@@ -7,6 +7,7 @@
 #include "providers/text_utilities.h"
 
 namespace quenmark::providers {
+
 std::string GetPageText(Context& context, std::string_view address) {
   std::string text;
   platform::IgnoreErrors([&] {
@@ -28,7 +29,8 @@ std::string GetTagText(std::string_view html, std::string_view tag) {
 }
 
 std::string GetBarchartName(Context& context, std::string_view symbol) {
-  const std::string page = GetPageText(context, context.hosts.barchart + "/quotes/" + platform::AsciiUpper(symbol));
+  const std::string page =
+      GetPageText(context, context.hosts.barchart + "/quotes/" + InPath(platform::AsciiUpper(symbol)));
   std::string title = HtmlEntityDecode(UrlDecode(GetTagText(page, "title")));
   title = std::string(Trimmed(ReplaceAll(ReplaceAll(title, context.hosts.barchartSuffix, ""), " Price", "")));
   if (title == "Advanced Search") return "Not Found";

@@ -47,6 +47,11 @@ TEST_F(Bars, NewDateDropsAllSymbols) {
   EXPECT_EQ(bars.Buffer(), "20240103(MSFT)0930-301-301-301-301-1-1-1");
 }
 
+TEST_F(Bars, WhatIsNoStampIsNotTaken) {
+  for (const char* stamp : {"", "2024010209300", "../../../x0930", "20240102-93005"}) bars.Update("AAPL", 1, stamp);
+  EXPECT_EQ(bars.Buffer(), "");
+}
+
 TEST_F(Bars, SymbolsThatLeaveTheFolderGetNoFile) {
   for (const char* symbol : {"../x", "a/b", "a\\b", ".."}) {
     bars.Update(symbol, 1, "20240102093000");

@@ -78,13 +78,6 @@ TEST_F(MainForm, StartUpBuildsTheApplicationNameAndTheOffset) {
   EXPECT_EQ(context.gmtOffsetMinutes, 240);  // no time-zone service is configured: the machine's own
 }
 
-TEST_F(MainForm, TimeZoneAnswerReplacesTheOffsetOnlyWhenItIsANumber) {
-  store->SaveSetting("Quenmark", "Hosts", "TimeZone", Simulator().PlainBase());
-  Start();
-  // The service is asked over https whatever the scheme says; this port speaks plain HTTP only.
-  EXPECT_EQ(context.gmtOffsetMinutes, 240);
-}
-
 TEST_F(MainForm, FirstTickWritesWhatTheProviderSent) {
   OpenChart("AAPL");
   OpenChart("MSFT");

@@ -44,6 +44,13 @@ TEST_F(QuoteSnapshot, WritesEveryRecordOfASingleObject) {
             R"({"symbol":"AMZN","description":"Amazon.com, Inc","exch":"Q","type":"stock"})");
 }
 
+TEST_F(QuoteSnapshot, UnmatchedSymbolsBehindASingleObjectAreNoQuotes) {
+  const std::string quote = R"({"quotes":{"quote":)" + TradierQuote();
+  feeder::ApplyQuoteSnapshot(context, quote + R"(,"unmatched_symbols":{"symbol":"SPY"}}})");
+  EXPECT_EQ(Feeder("AMZN"), kRecord);
+  EXPECT_EQ(store->GetSetting("Tradier", "Symbols", "SPY"), "");
+}
+
 TEST_F(QuoteSnapshot, WritesAListAndKeepsAnExistingCatalogueEntry) {
   store->SaveSetting("Tradier", "Symbols", "AMZN", "kept");
   const std::string spy = With(TradierQuote(), "\"AMZN\"", "\"SPY\"");
@@ -112,8 +119,9 @@ TEST_F(QuoteSnapshot, SymbolWithADashGetsAllButTheQuote) {
 }
 
 TEST_F(QuoteSnapshot, FailuresWriteNothing) {
-  for (const char* answer : {"", "not_auth401|{\"fault\":{}}", "<html></html>", R"({"quotes":null})",
-                             R"({"quotes":{"quote":[]}})", R"({"quotes":{"quote":[{]}}})", R"({"quotes":{"quote":{)"}) {
+  const std::string failed = "not_auth500|" + Single(TradierQuote());
+  for (const char* answer : {"", failed.c_str(), "<html></html>", R"({"quotes":null})", R"({"quotes":{"quote":[]}})",
+                             R"({"quotes":{"quote":[{]}}})", R"({"quotes":{"quote":{)"}) {
     feeder::ApplyQuoteSnapshot(context, answer);
     EXPECT_TRUE(store->GetAllSettings(kApp, "Feeder").empty()) << answer;
   }

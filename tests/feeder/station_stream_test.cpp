@@ -56,7 +56,7 @@ INSTANTIATE_TEST_SUITE_P(
                       StreamQuoteCase{"NegativePrice", "", "148", "-1", ""}),
     [](const auto& row) { return row.param.name; });
 
-// The branch against a scripted server. The clock runs, so that a silent stream ends when its time is up.
+// The branch against a scripted server.
 class StationTick : public FeederFixture {
  protected:
   static constexpr const char* kStreamPath = "/v3/marketdata/stream/quotes/SPY";
@@ -157,8 +157,30 @@ TEST_F(StationTick, ReadTellsWhatCame) {
   EXPECT_EQ(read(server.Port(), "x").errorText, "Failed to open HTTP request (HttpOpenRequest(), Code: 800403EA)");
 }
 
-TEST_F(StationTick, TimeIsUpOnASilentStreamAndItIsOpenedAgain) {
-  // Endless updates: the reading ends when its time is up, not when the stream does.
+TEST_F(StationTick, RestartReadsWithoutAStatusCheck) {
+  Tick();
+  restart.SetEnabled(true);
+  server.Put(kStreamPath, {.status = 401, .body = "no"});
+  EXPECT_NO_THROW(stream.Restart());
+  EXPECT_EQ(SessionId(), "ask_new_session");
+  EXPECT_FALSE(restart.Enabled());
+}
+
+TEST_F(StationTick, ReadOfATickFollowsTheRestartedRead) {
+  Tick();
+  std::size_t during = 0;
+  const platform::WindowId window = loop.CreateHiddenWindow("tick", [&](const platform::Message&) {
+    Tick();
+    during = Asked(kStreamPath);
+  });
+  loop.Post({window, platform::kMessageUser});
+  stream.Restart();
+  EXPECT_GE(during, 1u);
+  EXPECT_LE(during, 2u);
+  EXPECT_EQ(Asked(kStreamPath), 3u);
+}
+
+TEST_F(StationTick, EndlessStreamIsLeftWhenItsTimeIsUp) {
   server.Put(kStreamPath, {.body = std::string(kObject) + "\n", .endless = true});
   providers::StreamTarget target;
   target.host = "127.0.0.1";

@@ -42,7 +42,9 @@ TEST(ByteReader, BlockMustBeConsumed) {
       reader.Block(1, [&] { EXPECT_EQ(reader.U8(), 7); });
       for (std::size_t i = 0; i < count; ++i) reader.U8();
     });
-    if (reader.Ok()) EXPECT_EQ(reader.U8(), 9);
+    if (reader.Ok()) {
+      EXPECT_EQ(reader.U8(), 9);
+    }
     return reader.Done();
   };
   EXPECT_FALSE(read(0));  // left over
@@ -68,7 +70,7 @@ TEST(ByteReader, BlockBeyondTheEndFails) {
 TEST(ByteReader, EveryCutFails) {
   const Bytes whole = {0, 5, 1, 7, 2, 8, 9};
   for (std::size_t size = 0; size <= whole.size(); ++size) {
-    ByteReader reader(std::span(whole).first(size));
+    ByteReader reader(std::span<const std::uint8_t>(whole).first(size));
     reader.Block(2, [&] {
       while (reader.Remaining() > 0) reader.TakeBlock(1);
     });

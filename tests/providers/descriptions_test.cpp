@@ -52,6 +52,12 @@ TEST_F(Descriptions, NothingFoundIsTheSymbolAndIsAskedAgain) {
   EXPECT_EQ(GetSymbolDescription(context, "ZZ", "Barchart"), "ZZ");  // not a name that has descriptions
 }
 
+TEST_F(Descriptions, TextOfAFailedRequestIsNoDescription) {
+  server.Put("/v1/markets/lookup", {.status = 500, .body = R"({"description":"out of order"})"});
+  EXPECT_EQ(GetSymbolDescription(context, "T", "Tradier"), "T");
+  EXPECT_EQ(Stored("T"), "");
+}
+
 TEST_F(Descriptions, YahooAsksASecondPlaceOnlyAfterNotFound) {
   server.Put("/first", {.body = R"({"name":"First"})"});
   server.Put("/second", {.body = R"({"name":"Second"})"});

@@ -73,6 +73,8 @@ INSTANTIATE_TEST_SUITE_P(
 TEST(QuoteScan, DropsAnObjectAboveTheLimitAndGoesOn) {
   const std::string huge = "{\"Symbol\":\"" + std::string(providers::QuoteScan::kLargestObject, 'A');
   EXPECT_EQ(Scanned()({huge, "\"}\n", kUpdate}), kUpdateQuote);
+  const std::string braces(providers::QuoteScan::kLargestObject + 1, '{');
+  EXPECT_EQ(Scanned()({braces, kUpdate}), kUpdateQuote);
 }
 
 }  // namespace

@@ -17,5 +17,9 @@ TEST(InQuery, EscapesWhatWouldEndOrChangeTheQuery) {
   }
 }
 
+TEST(InPath, EscapesWhatWouldEndThePath) {
+  EXPECT_EQ(InPath("A?B,C#D,50%,BRK/B,@ES"), "A%3FB,C%23D,50%25,BRK/B,@ES");
+}
+
 }  // namespace
 }  // namespace quenmark::providers
