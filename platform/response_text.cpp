@@ -31,6 +31,7 @@ std::optional<std::string> Convert(std::string& bytes, const std::string& charse
   constexpr std::string_view kNameCharacters = "abcdefghijklmnopqrstuvwxyz0123456789-_.:";
   if (charset.find_first_not_of(kNameCharacters) != std::string::npos) return std::nullopt;
   const iconv_t opened = iconv_open("UTF-8", charset.c_str());
+  // NOLINTNEXTLINE(performance-no-int-to-ptr): the interface's own mark of a failure
   if (opened == reinterpret_cast<iconv_t>(-1)) return std::nullopt;
   const Converter converter(opened);
   std::string text;
