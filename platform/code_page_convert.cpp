@@ -32,8 +32,8 @@ std::string NameOf(std::int32_t codePage) {
 
 const iconv_t kUnknown = reinterpret_cast<iconv_t>(-1);  // NOLINT: iconv's own error value
 
-// One conversion of iconv; Valid() is false when the pair is unknown. To iconv an empty name is the locale's, here it is
-// unknown.
+// One conversion of iconv; Valid() is false when the pair is unknown. To iconv an empty name is the locale's, here it
+// is unknown.
 class Converter {
  public:
   Converter(const char* to, const char* from) : m_handle(*to != 0 && *from != 0 ? iconv_open(to, from) : kUnknown) {}
