@@ -30,8 +30,11 @@ endfunction()
 # plain_program(TARGET): links TARGET from the plain code of the fat objects.
 function(plain_program target)
   if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
-    # Optimised, GCC 12 raises false alarms about vectors of a known size (bug 105329).
-    target_compile_options(${target} PRIVATE -fno-lto -Wno-array-bounds -Wno-stringop-overflow)
+    target_compile_options(${target} PRIVATE -fno-lto)
+    if(CMAKE_BUILD_TYPE STREQUAL "Release")
+      # Quick to build. Optimised, GCC 12 raises false alarms about vectors of a known size (bug 105329).
+      target_compile_options(${target} PRIVATE -O1 -Wno-array-bounds -Wno-stringop-overflow -Wno-stringop-overread)
+    endif()
     target_link_options(${target} PRIVATE -fno-lto)
   endif()
 endfunction()

@@ -20,6 +20,7 @@ using providers::kApiSection;
 using providers::kConfigurationApp;
 
 constexpr std::size_t kCredentialLength = 32;
+constexpr int kMostEnded = 16;  // programs ended in one go
 constexpr std::string_view kCompanion1 = "pellbrook1.exe";
 constexpr std::string_view kCompanion2 = "pellbrook2.exe";
 constexpr std::string_view kHostProcesses[] = {"quenmark.exe", "klv.exe", "QX.exe"};
@@ -175,10 +176,13 @@ bool frmPBF::AnyHostRuns() const {
 }
 
 void frmPBF::Fecha(std::string_view name) {
-  while (const platform::ProcessId process = platform::FindProcess(m_processes, name)) {
-    const bool ended = providers::EndProcess(m_context, process);
+  // Something else may start such programs again as fast as they are ended: that must not hold the tick.
+  for (int ended = 0; ended < kMostEnded; ++ended) {
+    const platform::ProcessId process = platform::FindProcess(m_processes, name);
+    if (process == 0) return;
+    const bool gone = providers::EndProcess(m_context, process);
     RefreshProcesses();
-    if (!ended) return;
+    if (!gone) return;
   }
 }
 
