@@ -30,18 +30,20 @@ std::string NameOf(std::int32_t codePage) {
   return codePage > 0 ? fmt::format("CP{}", codePage) : std::string{};
 }
 
-// One conversion of iconv; Valid() is false when the pair is unknown.
+const iconv_t kUnknown = reinterpret_cast<iconv_t>(-1);  // NOLINT: iconv's own error value
+
+// One conversion of iconv; Valid() is false when the pair is unknown. To iconv an empty name is the locale's, here it is
+// unknown.
 class Converter {
  public:
-  Converter(const char* to, const char* from) : m_handle(iconv_open(to, from)) {}
+  Converter(const char* to, const char* from) : m_handle(*to != 0 && *from != 0 ? iconv_open(to, from) : kUnknown) {}
   ~Converter() {
     if (Valid()) iconv_close(m_handle);
   }
   Converter(const Converter&) = delete;
   Converter& operator=(const Converter&) = delete;
 
-  // NOLINTNEXTLINE: iconv's own error value
-  bool Valid() const { return m_handle != reinterpret_cast<iconv_t>(-1); }
+  bool Valid() const { return m_handle != kUnknown; }
 
   // Appends the conversion of `input`. `unfit` is called with the offset that iconv cannot go on at; it appends a
   // substitute and answers how many bytes to skip, at least 1.

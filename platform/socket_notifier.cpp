@@ -173,7 +173,7 @@ void SocketNotifier::EvaluateConnection(SocketHandle handle, Entry& entry) {
     return;
   }
   if (entry.closePosted) return;
-  if (Waiting(handle) > 0) {
+  if (HasData(handle)) {
     PostEvent(handle, entry, kFdRead);
   } else {
     entry.readable = false;
@@ -198,9 +198,15 @@ std::int32_t SocketNotifier::FetchError(SocketHandle handle, const Entry& entry)
   return result.value == kWsaShutDown && !entry.sendShut ? kWsaConnectionReset : result.value;
 }
 
-std::int32_t SocketNotifier::Waiting(SocketHandle handle) {
+// A look that fails counts as found: a notification too many does no harm, one too few stops the owner.
+bool SocketNotifier::HasData(SocketHandle handle) {
   std::int32_t bytes = 0;
-  return m_api.IoControl(handle, kIoBytesToRead, bytes).Ok() ? bytes : 0;
+  return !m_api.IoControl(handle, kIoBytesToRead, bytes).Ok() || bytes > 0;
+}
+
+bool SocketNotifier::IsReadable(SocketHandle handle) {
+  const SocketResult ready = m_api.Poll(handle);
+  return !ready.Ok() || (ready.value & kPollRead) != 0;
 }
 
 bool SocketNotifier::PostEvent(SocketHandle handle, Entry& entry, std::int32_t event, std::int32_t error) {
@@ -250,8 +256,7 @@ SocketResult SocketNotifier::Accept(SocketHandle handle, InetAddress* peer) {
     });
     return result;
   }
-  const SocketResult ready = result.error == kWsaWouldBlock ? SocketResult{} : m_api.Poll(handle);
-  entry->readable = ready.Ok() && (ready.value & kPollRead) != 0;
+  entry->readable = result.error != kWsaWouldBlock && IsReadable(handle);
   Evaluate(handle, *entry);
   return result;
 }
@@ -284,8 +289,7 @@ SocketResult SocketNotifier::AfterReceive(SocketHandle handle, SocketResult resu
   }
   entry->enabled |= kFdRead;
   if (entry->state == State::kDatagram) {
-    const SocketResult ready = result.error == kWsaWouldBlock ? SocketResult{} : m_api.Poll(handle);
-    entry->readable = ready.Ok() && (ready.value & kPollRead) != 0;
+    entry->readable = result.error != kWsaWouldBlock && IsReadable(handle);
   } else if (entry->state == State::kConnected) {
     if (result.error == kWsaWouldBlock) {
       entry->readable = false;
@@ -296,7 +300,7 @@ SocketResult SocketNotifier::AfterReceive(SocketHandle handle, SocketResult resu
     } else if (result.Ok() && (flags & kMessagePeek) == 0 && !entry->hangUp) {
       // A short read has emptied the buffer, unless it ended at the mark of urgent data.
       const bool taken = static_cast<std::size_t>(result.value) < wanted && !entry->urgentSeen;
-      entry->readable = !taken && Waiting(handle) > 0;
+      entry->readable = !taken && HasData(handle);
     } else {
       NoteReset(*entry, result);
     }

@@ -98,7 +98,8 @@ class SocketNotifier {
   void EvaluateConnection(SocketHandle handle, Entry& entry);
   void EvaluateDatagrams(SocketHandle handle, Entry& entry);
   std::int32_t FetchError(SocketHandle handle, const Entry& entry);
-  std::int32_t Waiting(SocketHandle handle);
+  bool HasData(SocketHandle handle);
+  bool IsReadable(SocketHandle handle);
   SocketResult AfterReceive(SocketHandle handle, SocketResult result, std::size_t wanted, std::int32_t flags);
   SocketResult AfterSend(SocketHandle handle, SocketResult result);
   bool NoteReset(Entry& entry, SocketResult& result);

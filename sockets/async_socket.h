@@ -24,6 +24,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace quenmark::sockets {
@@ -158,6 +159,18 @@ class cAsyncSocket : public std::enable_shared_from_this<cAsyncSocket> {
     Wait* outer = nullptr;
   };
 
+  // Holds the socket while its own code runs above handlers that may drop it.
+  class Keep {
+   public:
+    explicit Keep(std::shared_ptr<cAsyncSocket> socket) : m_socket(std::move(socket)) { ++m_socket->m_keeps; }
+    ~Keep() { --m_socket->m_keeps; }
+    Keep(const Keep&) = delete;
+    Keep& operator=(const Keep&) = delete;
+
+   private:
+    std::shared_ptr<cAsyncSocket> m_socket;
+  };
+
   // Results
   bool pvSucceed();
   bool pvFail(std::int32_t code);
@@ -183,12 +196,16 @@ class cAsyncSocket : public std::enable_shared_from_this<cAsyncSocket> {
   // Events
   template <typename Handler, typename... Arguments>
   void pvRaise(Handler handler, Arguments&&... arguments);
-  void pvOnNotification(const NotifyRecord& record);
-  bool pvOnResolved(std::int32_t lookup, std::int32_t lParam);
+  static void pvOnNotification(std::shared_ptr<cAsyncSocket> socket, const NotifyRecord& record);
+  static bool pvOnResolved(std::shared_ptr<cAsyncSocket> socket, std::int32_t lookup, std::int32_t lParam);
+  void pvEndResolution(std::int32_t error);
   void pvDispatch(std::int32_t lParam);
   void pvRaiseByEvent(std::int32_t event);
   void pvKeepForLater(const NotifyRecord& record);
-  bool pvClosedSince(std::uint64_t generation) const { return m_generation != generation; }
+  // Closed, or dropped by whoever owned it. Needs a Keep.
+  bool pvClosedSince(std::uint64_t generation) const {
+    return m_generation != generation || weak_from_this().use_count() == m_keeps;
+  }
 
   // Transfer and waits
   platform::SocketResult pvReceiveOnce(std::span<std::uint8_t> buffer, std::string* hostAddress, std::int32_t* hostPort,
@@ -214,6 +231,7 @@ class cAsyncSocket : public std::enable_shared_from_this<cAsyncSocket> {
   std::int32_t m_type = platform::kSockStream;
   std::uint64_t m_generation = 0;  // changes whenever the handle does
   Wait* m_waits = nullptr;         // the innermost
+  long m_keeps = 0;                // references that are Keeps
 };
 
 }  // namespace quenmark::sockets

@@ -20,17 +20,19 @@ void cAsyncSocket::pvRaise(Handler handler, Arguments&&... arguments) {
 
 // --- Dispatch --------------------------------------------------------------------------------------------------------
 
-void cAsyncSocket::pvOnNotification(const NotifyRecord& record) {
-  if (record.wParam != m_handle) return;
-  if (m_waits != nullptr && !pvClosedSince(m_waits->generation)) {
-    pvKeepForLater(record);
+void cAsyncSocket::pvOnNotification(std::shared_ptr<cAsyncSocket> socket, const NotifyRecord& record) {
+  cAsyncSocket& self = *socket;
+  const Keep keep(std::move(socket));
+  if (record.wParam != self.m_handle) return;
+  if (self.m_waits != nullptr && !self.pvClosedSince(self.m_waits->generation)) {
+    self.pvKeepForLater(record);
   } else {
-    pvDispatch(record.lParam);
+    self.pvDispatch(record.lParam);
   }
 }
 
 void cAsyncSocket::pvDispatch(std::int32_t lParam) {
-  const auto self = shared_from_this();
+  const Keep keep(shared_from_this());
   const std::uint64_t generation = m_generation;
   const std::int32_t event = lParam & 0xFFFF;
   const std::int32_t error = (lParam >> 16) & 0xFFFF;
@@ -66,17 +68,20 @@ void cAsyncSocket::pvRaiseByEvent(std::int32_t event) {
   }
 }
 
-bool cAsyncSocket::pvOnResolved(std::int32_t lookup, std::int32_t lParam) {
-  if (m_resolution == nullptr || m_resolution->lookup != lookup) return false;
-  const auto self = shared_from_this();
+bool cAsyncSocket::pvOnResolved(std::shared_ptr<cAsyncSocket> socket, std::int32_t lookup, std::int32_t lParam) {
+  cAsyncSocket& self = *socket;
+  if (self.m_resolution == nullptr || self.m_resolution->lookup != lookup) return false;
+  const Keep keep(std::move(socket));
+  self.pvEndResolution((lParam >> 16) & 0xFFFF);
+  return true;
+}
+
+void cAsyncSocket::pvEndResolution(std::int32_t error) {
   const std::uint64_t generation = m_generation;
   const std::unique_ptr<Resolution> resolution = std::move(m_resolution);
   for (Wait* wait = m_waits; wait != nullptr; wait = wait->outer) wait->arrived |= kResolved;
-  m_lastError = (lParam >> 16) & 0xFFFF;
-  if (m_lastError != 0) {
-    pvRaise(&AsyncSocketEvents::OnError, m_lastError, kResolved);
-    return true;
-  }
+  m_lastError = error;
+  if (error != 0) return pvRaise(&AsyncSocketEvents::OnError, error, kResolved);
   const platform::InetAddress address{resolution->host.addresses.front(), static_cast<std::uint16_t>(resolution->port)};
   pvRaise(&AsyncSocketEvents::OnResolve, platform::HostText(address.host));
   if (pvClosedSince(generation)) {
@@ -86,7 +91,6 @@ bool cAsyncSocket::pvOnResolved(std::int32_t lookup, std::int32_t lParam) {
   } else if (!pvConnectTo(address)) {
     pvRaise(&AsyncSocketEvents::OnError, m_lastError, platform::kFdConnect);
   }
-  return true;
 }
 
 // --- Waiting ---------------------------------------------------------------------------------------------------------
@@ -105,18 +109,19 @@ void cAsyncSocket::pvKeepForLater(const NotifyRecord& record) {
 }
 
 void cAsyncSocket::SyncProcessMsgQueue() {
-  const auto self = shared_from_this();
-  while (!m_pendingEvents.empty()) {
+  const Keep keep(shared_from_this());
+  const std::uint64_t generation = m_generation;
+  while (!m_pendingEvents.empty() && !pvClosedSince(generation)) {
     const NotifyRecord record = m_pendingEvents.front();
     m_pendingEvents.erase(m_pendingEvents.begin());
-    if (record.wParam == m_handle) pvDispatch(record.lParam);
+    pvDispatch(record.lParam);
   }
 }
 
 bool cAsyncSocket::SyncWaitForEvent(std::int32_t timeout, std::int32_t eventMask) {
   if ((eventMask & kResolved) != 0 && !HasPendingResolve()) return pvSucceed();
   if (!pvHasHandle()) return false;
-  const auto self = shared_from_this();
+  const Keep keep(shared_from_this());
   platform::MessageLoop& loop = m_helper->Loop();
   const platform::MessageLoop::OutsideWork outside(loop);
   const platform::MessageLoop::MainTickPause pause(loop);

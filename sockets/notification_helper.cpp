@@ -6,6 +6,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <utility>
 
 namespace quenmark::sockets {
 
@@ -104,16 +105,16 @@ void NotificationHelper::pvNotify(const NotifyRecord& record) {
   if (record.number == kMessageResolved) {
     // By index: a handler may enlarge the table.
     for (std::size_t slot = 0; slot < m_table.size(); ++slot) {
-      const std::shared_ptr<cAsyncSocket> socket = m_table[slot].socket.lock();
-      if (socket != nullptr && socket->pvOnResolved(record.wParam, record.lParam)) return;
+      std::shared_ptr<cAsyncSocket> socket = m_table[slot].socket.lock();
+      if (socket != nullptr && cAsyncSocket::pvOnResolved(std::move(socket), record.wParam, record.lParam)) return;
     }
     return;
   }
   if (record.number < kMessageFirstSocket || record.number - kMessageFirstSocket >= m_table.size()) return;
   if (record.wParam == -1) return;
   m_notifier.Taken(record.wParam, record.lParam & 0xFFFF);
-  const std::shared_ptr<cAsyncSocket> socket = m_table[record.number - kMessageFirstSocket].socket.lock();
-  if (socket != nullptr) socket->pvOnNotification(record);
+  std::shared_ptr<cAsyncSocket> socket = m_table[record.number - kMessageFirstSocket].socket.lock();
+  if (socket != nullptr) cAsyncSocket::pvOnNotification(std::move(socket), record);
 }
 
 }  // namespace quenmark::sockets
