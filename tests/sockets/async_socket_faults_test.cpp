@@ -18,6 +18,11 @@ class AsyncSocketFaults : public SocketTest {
     m_services.api = &m_api;
     m_keeper = NewSocket();
   }
+  ~AsyncSocketFaults() override {  // they use the seam
+    m_socket.reset();
+    m_second.reset();
+    m_keeper.reset();
+  }
 
   // Runs the scenario with its first call failing, then its second, until none is left to fail.
   void RunAll(const std::function<bool()>& scenario) {
@@ -113,9 +118,11 @@ TEST_F(AsyncSocketFaults, Server) {
     PlainSend(m_peer, "hello");
     if (!Arrives("OnReceive")) return false;
     std::vector<std::uint8_t> data;
-    const bool received = Step(m_second->ReceiveArray(data), m_second);
-    EXPECT_TRUE(!received || data.empty() || data.size() == 5);
-    return received && data.size() == 5;
+    while (data.empty()) {  // what cannot be counted reads as nothing
+      if (!Step(m_second->ReceiveArray(data), m_second)) return false;
+    }
+    EXPECT_EQ(cAsyncSocket::FromTextArray(data, 0), "hello");
+    return true;
   });
 }
 
@@ -146,8 +153,11 @@ TEST_F(AsyncSocketFaults, Datagrams) {
     if (!Arrives("OnReceive")) return false;
     std::vector<std::uint8_t> data;
     std::string address;
-    const bool received = Step(m_socket->ReceiveArray(data, &address), m_socket);
-    return received && !data.empty() && address == "127.0.0.1";
+    while (data.empty()) {
+      if (!Step(m_socket->ReceiveArray(data, &address), m_socket)) return false;
+    }
+    EXPECT_EQ(address, "127.0.0.1");
+    return true;
   });
 }
 
@@ -166,8 +176,8 @@ TEST_F(AsyncSocketFaults, AttachQueriesAndOptions) {
     std::int32_t number = 0;
     std::vector<platform::AdapterAddress> adapters;
     const bool asked = m_socket->GetPeerName(text, number) && m_socket->GetSockName(text, number) &&
-                       m_socket->SetSockOpt(platform::kSoSendTimeout, 50) &&
-                       m_socket->SockOpt(platform::kSoSendTimeout) == 50 && m_socket->AvailableBytes() == 0 &&
+                       m_socket->SetSockOpt(platform::kSoSendTimeout, 2000) &&
+                       m_socket->SockOpt(platform::kSoSendTimeout) == 2000 && m_socket->AvailableBytes() == 0 &&
                        m_socket->IOCtl(platform::kIoBytesToRead, number) && m_socket->AsyncSelect(platform::kFdRead) &&
                        m_socket->ShutDown();
     if (!Step(asked, m_socket)) return false;
