@@ -2,6 +2,7 @@
 
 #include "platform/winsock_errors.h"
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <memory>
@@ -293,6 +294,7 @@ SocketResult SocketNotifier::AfterReceive(SocketHandle handle, SocketResult resu
   } else if (entry->state == State::kConnected) {
     if (result.error == kWsaWouldBlock) {
       entry->readable = false;
+      entry->counted = 0;
     } else if (result.Ok() && result.value == 0 && wanted > 0) {
       entry->readable = false;
       entry->hangUp |= !entry->receiveShut;
@@ -300,7 +302,8 @@ SocketResult SocketNotifier::AfterReceive(SocketHandle handle, SocketResult resu
     } else if (result.Ok() && (flags & kMessagePeek) == 0 && !entry->hangUp) {
       // A short read has emptied the buffer, unless it ended at the mark of urgent data.
       const bool taken = static_cast<std::size_t>(result.value) < wanted && !entry->urgentSeen;
-      entry->readable = !taken && HasData(handle);
+      entry->counted = taken ? 0 : std::max(entry->counted - result.value, 0);
+      entry->readable = !taken && (entry->counted > 0 || HasData(handle));
     } else {
       NoteReset(*entry, result);
     }
@@ -359,6 +362,7 @@ SocketResult SocketNotifier::Available(SocketHandle handle) {
   }
   if (!result.Ok()) return result;
   result.value = bytes;
+  if (entry != nullptr) entry->counted = entry->state == State::kConnected && !entry->urgentSeen ? bytes : 0;
   if (bytes == 0 && entry != nullptr && entry->state != State::kListening) {
     entry->readable = false;
     entry->enabled |= kFdRead;

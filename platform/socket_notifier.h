@@ -75,6 +75,7 @@ class SocketNotifier {
     std::int32_t enabled = kFdAll;  // events that may be posted
     std::int32_t queued = 0;        // events posted and not taken
     std::int32_t resetCode = 0;     // what CLOSE and later calls report
+    std::int32_t counted = 0;       // bytes known to wait in a stream, at least
     bool readable = false;          // data or connections may be waiting
     bool writable = false;
     bool urgent = false;
