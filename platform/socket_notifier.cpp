@@ -188,6 +188,7 @@ void SocketNotifier::EvaluateDatagrams(SocketHandle handle, Entry& entry) {
     entry.failed = false;
     const std::int32_t error = FetchError(handle, entry);
     if (error != 0) PostEvent(handle, entry, kFdRead, error);
+    entry.enabled |= kFdRead;  // nobody receives because of an error
   }
   if (entry.readable) PostEvent(handle, entry, kFdRead);
 }

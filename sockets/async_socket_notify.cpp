@@ -71,6 +71,7 @@ void cAsyncSocket::pvRaiseByEvent(std::int32_t event) {
 bool cAsyncSocket::pvOnResolved(std::shared_ptr<cAsyncSocket> socket, std::int32_t lookup, std::int32_t lParam) {
   cAsyncSocket& self = *socket;
   if (self.m_resolution == nullptr || self.m_resolution->lookup != lookup) return false;
+  if (!self.m_resolution->host.finished) return false;
   const Keep keep(std::move(socket));
   self.pvEndResolution((lParam >> 16) & 0xFFFF);
   return true;

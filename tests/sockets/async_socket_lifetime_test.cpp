@@ -161,7 +161,7 @@ TEST_F(SocketLifetime, TheTableIsFullWithTheLastMessageNumber) {
   EXPECT_EQ(socket->LastError(), 10024);
   helper->Unregister(sockets::kLargestTableSize - 1);
   EXPECT_TRUE(socket->Create());
-  EXPECT_EQ(socket->SlotIndex() + sockets::kMessageFirstSocket, 0xBFFF);
+  EXPECT_EQ(socket->SlotIndex() + static_cast<std::int32_t>(sockets::kMessageFirstSocket), 0xBFFF);
 }
 
 TEST_F(SocketLifetime, StaleAndStrangeNotificationsAreIgnored) {
