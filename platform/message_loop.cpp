@@ -35,6 +35,8 @@ std::uint32_t EpollBits(Readiness interest, Trigger trigger) {
   std::uint32_t bits = trigger == Trigger::kEdge ? std::uint32_t{EPOLLET} : 0;
   if (interest.read) bits |= EPOLLIN;
   if (interest.write) bits |= EPOLLOUT;
+  if (interest.hangUp) bits |= EPOLLRDHUP;
+  if (interest.urgent) bits |= EPOLLPRI;
   return bits;
 }
 
@@ -217,8 +219,9 @@ struct MessageLoop::State {
       const std::shared_ptr<WatchEntry>* entry = watches.Find(event.data.u64);
       if (entry == nullptr) continue;  // unwatched by a handler before it
       const std::shared_ptr<WatchEntry> kept = *entry;
-      kept->handler(
-          {(event.events & EPOLLIN) != 0, (event.events & EPOLLOUT) != 0, (event.events & (EPOLLERR | EPOLLHUP)) != 0});
+      kept->handler({(event.events & EPOLLIN) != 0, (event.events & EPOLLOUT) != 0,
+                     (event.events & (EPOLLERR | EPOLLHUP)) != 0, (event.events & EPOLLRDHUP) != 0,
+                     (event.events & EPOLLPRI) != 0});
       ran = true;
     }
     return RunDueCalls() || ran;

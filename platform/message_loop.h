@@ -46,7 +46,9 @@ enum class TimerKind {
 struct Readiness {
   bool read = false;
   bool write = false;
-  bool error = false;  // error or hang-up
+  bool error = false;   // error or hang-up
+  bool hangUp = false;  // the peer has ended its sending side; reported when asked for
+  bool urgent = false;  // out-of-band data; reported when asked for
 };
 
 enum class Trigger { kLevel, kEdge };

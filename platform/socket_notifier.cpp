@@ -1,0 +1,382 @@
+#include "platform/socket_notifier.h"
+
+#include "platform/winsock_errors.h"
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <memory>
+#include <utility>
+
+namespace quenmark::platform {
+namespace {
+
+constexpr Readiness kInterest{.read = true, .write = true, .hangUp = true, .urgent = true};
+
+// How long a listener rests when a connection could not be taken for want of descriptors or memory.
+constexpr std::chrono::milliseconds kAcceptRetry{100};
+
+// Empty datagrams dropped at a look; more are dropped at the next.
+constexpr int kEmptyDatagramsPerLook = 64;
+
+// Codes after which a connection is gone.
+bool IsReset(std::int32_t code) {
+  return code == kWsaNetworkReset || code == kWsaConnectionAborted || code == kWsaConnectionReset ||
+         code == kWsaTimedOut;
+}
+
+}  // namespace
+
+SocketNotifier::SocketNotifier(MessageLoop& loop, SocketApi& api) : m_loop(loop), m_api(api) {}
+
+SocketNotifier::~SocketNotifier() {
+  for (std::size_t handle = 0; handle < m_entries.size(); ++handle) Forget(static_cast<SocketHandle>(handle));
+}
+
+const SocketNotifier::Entry* SocketNotifier::Find(SocketHandle handle) const {
+  const auto index = static_cast<std::size_t>(handle);
+  return handle >= 0 && index < m_entries.size() ? m_entries[index].get() : nullptr;
+}
+
+SocketNotifier::Entry* SocketNotifier::Find(SocketHandle handle) {
+  return const_cast<Entry*>(std::as_const(*this).Find(handle));
+}
+
+// --- Selection -------------------------------------------------------------------------------------------------------
+
+SocketResult SocketNotifier::Select(SocketHandle handle, WindowId window, std::uint32_t message, std::int32_t mask) {
+  if (mask == 0) {
+    Forget(handle);
+    return {};
+  }
+  if (Entry* known = Find(handle); known != nullptr) {
+    known->window = window;
+    known->message = message;
+    known->mask = mask;
+    known->enabled = kFdAll;
+    ReportAnew(*known);
+    return {};
+  }
+  auto entry = std::make_unique<Entry>();
+  entry->window = window;
+  entry->message = message;
+  entry->mask = mask;
+  if (const SocketResult found = FindState(handle, entry->state); !found.Ok()) return found;
+  std::int32_t on = 1;
+  if (const SocketResult set = m_api.IoControl(handle, kIoNonBlocking, on); !set.Ok()) return set;
+  if (entry->state == State::kConnecting) entry->connecting.emplace(m_loop);
+  const auto index = static_cast<std::size_t>(handle);
+  if (index >= m_entries.size()) m_entries.resize(index + 1);
+  entry->watch = m_loop.Watch(handle, kInterest, Trigger::kEdge,
+                              [this, handle](Readiness readiness) { OnReady(handle, readiness); });
+  if (entry->watch == 0) return SocketResult::Failure(kWsaNoBuffers);
+  m_entries[index] = std::move(entry);
+  return {};
+}
+
+void SocketNotifier::Forget(SocketHandle handle) {
+  Entry* entry = Find(handle);
+  if (entry == nullptr) return;
+  m_loop.Unwatch(entry->watch);
+  m_loop.CancelCall(entry->retry);
+  m_entries[static_cast<std::size_t>(handle)].reset();
+}
+
+void SocketNotifier::Taken(SocketHandle handle, std::int32_t event) {
+  if (Entry* entry = Find(handle); entry != nullptr) entry->queued &= ~event;
+}
+
+SocketResult SocketNotifier::FindState(SocketHandle handle, State& state) {
+  const SocketResult type = m_api.GetOption(handle, kSolSocket, kSoType);
+  if (!type.Ok()) return type;
+  if (type.value != kSockStream) {
+    state = State::kDatagram;
+    return {};
+  }
+  const SocketResult listening = m_api.GetOption(handle, kSolSocket, kSoAcceptConnections);
+  if (!listening.Ok()) return listening;
+  if (listening.value != 0) {
+    state = State::kListening;
+    return {};
+  }
+  InetAddress peer;
+  const SocketResult connected = m_api.PeerName(handle, peer);
+  if (connected.Ok()) {
+    state = State::kConnected;
+    return {};
+  }
+  if (connected.error != kWsaNotConnected) return connected;
+  const SocketResult ready = m_api.Poll(handle);
+  if (!ready.Ok()) return ready;
+  // A socket that was never connected reports a hang-up, one that is connecting nothing.
+  state = (ready.value & kPollHangUp) != 0 ? State::kIdle : State::kConnecting;
+  return {};
+}
+
+// --- Readiness -------------------------------------------------------------------------------------------------------
+
+void SocketNotifier::ReportAnew(const Entry& entry) {
+  m_loop.ChangeWatch(entry.watch, kInterest);
+}
+
+void SocketNotifier::OnReady(SocketHandle handle, Readiness readiness) {
+  Entry* entry = Find(handle);
+  if (entry == nullptr || entry->state == State::kIdle) return;
+  entry->readable |= readiness.read;
+  entry->writable |= readiness.write;
+  entry->failed |= readiness.error;
+  entry->hangUp |= readiness.hangUp && !entry->receiveShut;
+  entry->urgent |= readiness.urgent;
+  entry->urgentSeen |= readiness.urgent;
+  Evaluate(handle, *entry);
+}
+
+void SocketNotifier::Evaluate(SocketHandle handle, Entry& entry) {
+  switch (entry.state) {
+    case State::kIdle:
+      return;
+    case State::kListening:
+      if (entry.readable) PostEvent(handle, entry, kFdAccept);
+      return;
+    case State::kDatagram:
+      return EvaluateDatagrams(handle, entry);
+    case State::kConnecting:
+      if (!entry.writable && !entry.failed && !entry.hangUp) return;
+      EndConnect(handle, entry);
+      if (entry.state != State::kConnected) return;
+      break;
+    case State::kConnected:
+      break;
+  }
+  EvaluateConnection(handle, entry);
+}
+
+void SocketNotifier::EndConnect(SocketHandle handle, Entry& entry) {
+  const std::int32_t error = FetchError(handle, entry);
+  entry.connecting.reset();
+  entry.state = error == 0 ? State::kConnected : State::kIdle;
+  if (error != 0) entry.readable = entry.writable = entry.failed = entry.hangUp = false;
+  entry.enabled = kFdAll;
+  PostEvent(handle, entry, kFdConnect, error);
+}
+
+void SocketNotifier::EvaluateConnection(SocketHandle handle, Entry& entry) {
+  if (entry.failed) {
+    entry.failed = false;
+    const std::int32_t error = FetchError(handle, entry);
+    if (error != 0) entry.resetCode = error;
+    entry.hangUp |= error != 0 || !entry.receiveShut;
+  }
+  if (entry.urgent && PostEvent(handle, entry, kFdOutOfBand)) entry.urgent = false;
+  if (entry.writable && entry.resetCode == 0) PostEvent(handle, entry, kFdWrite);
+  if (!entry.hangUp) {
+    if (entry.readable) PostEvent(handle, entry, kFdRead);
+    return;
+  }
+  if (entry.closePosted) return;
+  if (HasData(handle)) {
+    PostEvent(handle, entry, kFdRead);
+  } else {
+    entry.readable = false;
+    entry.closePosted = PostEvent(handle, entry, kFdClose, entry.resetCode);
+  }
+}
+
+void SocketNotifier::EvaluateDatagrams(SocketHandle handle, Entry& entry) {
+  if (entry.writable) PostEvent(handle, entry, kFdWrite);
+  if (entry.failed) {
+    entry.failed = false;
+    const std::int32_t error = FetchError(handle, entry);
+    if (error != 0) PostEvent(handle, entry, kFdRead, error);
+    entry.enabled |= kFdRead;  // nobody receives because of an error
+  }
+  if (entry.readable) PostEvent(handle, entry, kFdRead);
+}
+
+std::int32_t SocketNotifier::FetchError(SocketHandle handle, const Entry& entry) {
+  const SocketResult result = m_api.GetOption(handle, kSolSocket, kSoError);
+  if (!result.Ok()) return result.error;
+  // A reset that follows the peer's close is a broken pipe to the kernel.
+  return result.value == kWsaShutDown && !entry.sendShut ? kWsaConnectionReset : result.value;
+}
+
+// A look that fails counts as found: a notification too many does no harm, one too few stops the owner.
+bool SocketNotifier::HasData(SocketHandle handle) {
+  std::int32_t bytes = 0;
+  return !m_api.IoControl(handle, kIoBytesToRead, bytes).Ok() || bytes > 0;
+}
+
+bool SocketNotifier::IsReadable(SocketHandle handle) {
+  const SocketResult ready = m_api.Poll(handle);
+  return !ready.Ok() || (ready.value & kPollRead) != 0;
+}
+
+bool SocketNotifier::PostEvent(SocketHandle handle, Entry& entry, std::int32_t event, std::int32_t error) {
+  if ((entry.mask & entry.enabled & event) == 0) return false;
+  if ((entry.queued & event) == 0) {
+    const auto lParam = static_cast<std::intptr_t>(event) | (static_cast<std::intptr_t>(error) << 16);
+    if (!m_loop.Post({entry.window, entry.message, static_cast<std::uintptr_t>(handle), lParam})) return false;
+    entry.queued |= event;
+  }
+  entry.enabled &= ~event;
+  return true;
+}
+
+// --- Calls -----------------------------------------------------------------------------------------------------------
+
+SocketResult SocketNotifier::Listen(SocketHandle handle, std::int32_t backlog) {
+  const SocketResult result = m_api.Listen(handle, backlog);
+  if (Entry* entry = Find(handle); result.Ok() && entry != nullptr) entry->state = State::kListening;
+  return result;
+}
+
+SocketResult SocketNotifier::Connect(SocketHandle handle, const InetAddress& address) {
+  const SocketResult result = m_api.Connect(handle, address);
+  Entry* entry = Find(handle);
+  if (entry == nullptr || entry->state != State::kIdle) return result;
+  if (result.Ok()) {
+    entry->state = State::kConnected;
+    entry->enabled = kFdAll;
+    ReportAnew(*entry);  // so that WRITE follows what the caller posts about the connection
+  } else if (result.error == kWsaWouldBlock) {
+    entry->state = State::kConnecting;
+    entry->enabled = kFdAll;
+    entry->connecting.emplace(m_loop);
+  }
+  return result;
+}
+
+SocketResult SocketNotifier::Accept(SocketHandle handle, InetAddress* peer) {
+  const SocketResult result = m_api.Accept(handle, peer);
+  Entry* entry = Find(handle);
+  if (entry == nullptr) return result;
+  entry->enabled |= kFdAccept;
+  if (result.error == kWsaTooManySockets || result.error == kWsaNoBuffers) {
+    // The connection stays waiting; offering it again at once would only keep the processor busy.
+    entry->retry = m_loop.CallAt(entry->retry, m_loop.TheClock().Monotonic() + kAcceptRetry, [this, handle] {
+      if (Entry* rested = Find(handle); rested != nullptr) Evaluate(handle, *rested);
+    });
+    return result;
+  }
+  entry->readable = result.error != kWsaWouldBlock && IsReadable(handle);
+  Evaluate(handle, *entry);
+  return result;
+}
+
+SocketResult SocketNotifier::ShutDown(SocketHandle handle, std::int32_t how) {
+  const SocketResult result = m_api.ShutDown(handle, how);
+  if (Entry* entry = Find(handle); result.Ok() && entry != nullptr) {
+    entry->sendShut |= how != kShutReceive;
+    entry->receiveShut |= how != kShutSend;
+  }
+  return result;
+}
+
+SocketResult SocketNotifier::Receive(SocketHandle handle, std::span<std::uint8_t> buffer, std::int32_t flags) {
+  return AfterReceive(handle, m_api.Receive(handle, buffer, flags), buffer.size(), flags);
+}
+
+SocketResult SocketNotifier::ReceiveFrom(SocketHandle handle, std::span<std::uint8_t> buffer, std::int32_t flags,
+                                         std::optional<InetAddress>& sender) {
+  return AfterReceive(handle, m_api.ReceiveFrom(handle, buffer, flags, sender), buffer.size(), flags);
+}
+
+SocketResult SocketNotifier::AfterReceive(SocketHandle handle, SocketResult result, std::size_t wanted,
+                                          std::int32_t flags) {
+  Entry* entry = Find(handle);
+  if (entry == nullptr) return result;
+  if ((flags & kMessageOutOfBand) != 0) {
+    entry->enabled |= kFdOutOfBand;
+    return result;
+  }
+  entry->enabled |= kFdRead;
+  if (entry->state == State::kDatagram) {
+    entry->readable = result.error != kWsaWouldBlock && IsReadable(handle);
+  } else if (entry->state == State::kConnected) {
+    if (result.error == kWsaWouldBlock) {
+      entry->readable = false;
+      entry->counted = 0;
+    } else if (result.Ok() && result.value == 0 && wanted > 0) {
+      entry->readable = false;
+      entry->hangUp |= !entry->receiveShut;
+      if (entry->resetCode != 0) result = SocketResult::Failure(entry->resetCode);
+    } else if (result.Ok() && (flags & kMessagePeek) == 0 && !entry->hangUp) {
+      // A short read has emptied the buffer, unless it ended at the mark of urgent data.
+      const bool taken = static_cast<std::size_t>(result.value) < wanted && !entry->urgentSeen;
+      entry->counted = taken ? 0 : std::max(entry->counted - result.value, 0);
+      entry->readable = !taken && (entry->counted > 0 || HasData(handle));
+    } else {
+      NoteReset(*entry, result);
+    }
+  }
+  Evaluate(handle, *entry);
+  return result;
+}
+
+SocketResult SocketNotifier::Send(SocketHandle handle, std::span<const std::uint8_t> data, std::int32_t flags) {
+  return AfterSend(handle, m_api.Send(handle, data, flags));
+}
+
+SocketResult SocketNotifier::SendTo(SocketHandle handle, std::span<const std::uint8_t> data, std::int32_t flags,
+                                    const InetAddress& address) {
+  return AfterSend(handle, m_api.SendTo(handle, data, flags, address));
+}
+
+SocketResult SocketNotifier::AfterSend(SocketHandle handle, SocketResult result) {
+  if (result.Ok()) return result;
+  Entry* entry = Find(handle);
+  if (entry == nullptr) return result;
+  if (result.error == kWsaWouldBlock) {
+    entry->writable = false;
+    entry->enabled |= kFdWrite;
+  } else if (entry->state == State::kConnected && NoteReset(*entry, result)) {
+    Evaluate(handle, *entry);
+  }
+  return result;
+}
+
+// Remembers a failure that means the end of the connection, and says so in every later failure.
+bool SocketNotifier::NoteReset(Entry& entry, SocketResult& result) {
+  if (result.error == kWsaShutDown && !entry.sendShut) {
+    result.error = entry.resetCode != 0 ? entry.resetCode : kWsaConnectionReset;
+  }
+  if (!IsReset(result.error)) return false;
+  entry.resetCode = result.error;
+  entry.hangUp = true;
+  return true;
+}
+
+SocketResult SocketNotifier::Available(SocketHandle handle) {
+  std::int32_t bytes = 0;
+  SocketResult result = m_api.IoControl(handle, kIoBytesToRead, bytes);
+  Entry* entry = Find(handle);
+  if (entry != nullptr && entry->state == State::kDatagram) {
+    // An empty datagram would hide those behind it: nobody is told of it, so nobody would take it.
+    for (int dropped = 0; result.Ok() && bytes == 0 && dropped < kEmptyDatagramsPerLook; ++dropped) {
+      std::optional<InetAddress> sender;
+      std::array<std::uint8_t, 1> room{};
+      const SocketResult next = m_api.ReceiveFrom(handle, room, kMessagePeek, sender);
+      if (!next.Ok() || next.value != 0) break;
+      m_api.ReceiveFrom(handle, room, 0, sender);
+      result = m_api.IoControl(handle, kIoBytesToRead, bytes);
+    }
+  }
+  if (!result.Ok()) return result;
+  result.value = bytes;
+  if (entry != nullptr) entry->counted = entry->state == State::kConnected && !entry->urgentSeen ? bytes : 0;
+  if (bytes == 0 && entry != nullptr && entry->state != State::kListening) {
+    entry->readable = false;
+    entry->enabled |= kFdRead;
+    Evaluate(handle, *entry);
+  }
+  return result;
+}
+
+void SocketNotifier::Rearm(SocketHandle handle) {
+  Entry* entry = Find(handle);
+  if (entry == nullptr) return;
+  entry->enabled |= kFdRead;
+  Evaluate(handle, *entry);
+}
+
+}  // namespace quenmark::platform

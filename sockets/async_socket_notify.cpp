@@ -1,0 +1,192 @@
+// Notifications to events, and the waits that hold them back.
+#include "platform/winsock_errors.h"
+#include "sockets/async_socket.h"
+
+#include <algorithm>
+#include <chrono>
+#include <utility>
+
+namespace quenmark::sockets {
+
+using platform::kFdClose;
+using platform::kFdRead;
+using platform::Message;
+using platform::MonotonicTime;
+
+template <typename Handler, typename... Arguments>
+void cAsyncSocket::pvRaise(Handler handler, Arguments&&... arguments) {
+  if (const auto events = m_events.lock()) (events.get()->*handler)(*this, std::forward<Arguments>(arguments)...);
+}
+
+// --- Dispatch --------------------------------------------------------------------------------------------------------
+
+void cAsyncSocket::pvOnNotification(std::shared_ptr<cAsyncSocket> socket, const NotifyRecord& record) {
+  cAsyncSocket& self = *socket;
+  const Keep keep(std::move(socket));
+  if (record.wParam != self.m_handle) return;
+  if (self.m_waits != nullptr && !self.pvClosedSince(self.m_waits->generation)) {
+    self.pvKeepForLater(record);
+  } else {
+    self.pvDispatch(record.lParam);
+  }
+}
+
+void cAsyncSocket::pvDispatch(std::int32_t lParam) {
+  const Keep keep(shared_from_this());
+  const std::uint64_t generation = m_generation;
+  const std::int32_t event = lParam & 0xFFFF;
+  const std::int32_t error = (lParam >> 16) & 0xFFFF;
+  m_lastError = error;
+  if (error != 0) return pvRaise(&AsyncSocketEvents::OnError, error, event);
+  bool cancel = false;
+  pvRaise(&AsyncSocketEvents::BeforeNotify, event, cancel);
+  if (cancel || pvClosedSince(generation)) return;
+  pvRaiseByEvent(event);
+  if (!pvClosedSince(generation)) pvRaise(&AsyncSocketEvents::AfterNotify, event);
+}
+
+void cAsyncSocket::pvRaiseByEvent(std::int32_t event) {
+  switch (event) {
+    case kFdClose:
+      return pvRaise(&AsyncSocketEvents::OnClose);
+    case platform::kFdConnect:
+      return pvRaise(&AsyncSocketEvents::OnConnect);
+    case platform::kFdWrite:
+      return pvRaise(&AsyncSocketEvents::OnSend);
+    case platform::kFdAccept:
+      return pvRaise(&AsyncSocketEvents::OnAccept);
+    case kForcedRead:
+      return pvRaise(&AsyncSocketEvents::OnReceive);
+    case kFdRead: {
+      const std::int32_t available = AvailableBytes();
+      if (available < 0) return pvRaise(&AsyncSocketEvents::OnError, m_lastError, kFdRead);
+      if (available > 0) pvRaise(&AsyncSocketEvents::OnReceive);
+      return;
+    }
+    default:
+      return;
+  }
+}
+
+bool cAsyncSocket::pvOnResolved(std::shared_ptr<cAsyncSocket> socket, std::int32_t lookup, std::int32_t lParam) {
+  cAsyncSocket& self = *socket;
+  if (self.m_resolution == nullptr || self.m_resolution->lookup != lookup) return false;
+  if (!self.m_resolution->host.finished) return false;
+  const Keep keep(std::move(socket));
+  self.pvEndResolution((lParam >> 16) & 0xFFFF);
+  return true;
+}
+
+void cAsyncSocket::pvEndResolution(std::int32_t error) {
+  const std::uint64_t generation = m_generation;
+  const std::unique_ptr<Resolution> resolution = std::move(m_resolution);
+  for (Wait* wait = m_waits; wait != nullptr; wait = wait->outer) wait->arrived |= kResolved;
+  m_lastError = error;
+  if (error != 0) return pvRaise(&AsyncSocketEvents::OnError, error, kResolved);
+  const platform::InetAddress address{resolution->host.addresses.front(), static_cast<std::uint16_t>(resolution->port)};
+  pvRaise(&AsyncSocketEvents::OnResolve, platform::HostText(address.host));
+  if (pvClosedSince(generation)) {
+    m_lastError = platform::kWsaInterrupted;
+  } else if (pvIsDatagram()) {
+    PostEvent(platform::kFdConnect);
+  } else if (!pvConnectTo(address)) {
+    pvRaise(&AsyncSocketEvents::OnError, m_lastError, platform::kFdConnect);
+  }
+}
+
+// --- Waiting ---------------------------------------------------------------------------------------------------------
+
+// A kept notification that would only say the same again is left out, so that an owner who never asks for the kept
+// ones does not collect them without end.
+void cAsyncSocket::pvKeepForLater(const NotifyRecord& record) {
+  for (Wait* wait = m_waits; wait != nullptr && !pvClosedSince(wait->generation); wait = wait->outer) {
+    wait->arrived |= record.lParam & 0xFFFF;
+  }
+  const bool repeats = record.lParam == kFdRead || record.lParam == platform::kFdWrite ||
+                       record.lParam == platform::kFdAccept || record.lParam == platform::kFdOutOfBand;
+  const auto same = [&](const NotifyRecord& kept) { return kept.lParam == record.lParam; };
+  if (repeats && std::any_of(m_pendingEvents.begin(), m_pendingEvents.end(), same)) return;
+  m_pendingEvents.push_back({kMessageFirstSocket, record.wParam, record.lParam});
+}
+
+void cAsyncSocket::SyncProcessMsgQueue() {
+  const Keep keep(shared_from_this());
+  const std::uint64_t generation = m_generation;
+  while (!m_pendingEvents.empty() && !pvClosedSince(generation)) {
+    const NotifyRecord record = m_pendingEvents.front();
+    m_pendingEvents.erase(m_pendingEvents.begin());
+    pvDispatch(record.lParam);
+  }
+}
+
+bool cAsyncSocket::SyncWaitForEvent(std::int32_t timeout, std::int32_t eventMask) {
+  if ((eventMask & kResolved) != 0 && !HasPendingResolve()) return pvSucceed();
+  if (!pvHasHandle()) return false;
+  const Keep keep(shared_from_this());
+  platform::MessageLoop& loop = m_helper->Loop();
+  const platform::MessageLoop::OutsideWork outside(loop);
+  const platform::MessageLoop::MainTickPause pause(loop);
+  if ((eventMask & kFdRead) != 0) eventMask |= kForcedRead;
+
+  Wait wait{0, m_generation, m_waits};
+  // The peer's close, kept since an earlier wait: nothing more will be read.
+  const auto isClose = [](const NotifyRecord& kept) { return (kept.lParam & kFdClose) != 0; };
+  if (eventMask == (kFdRead | kForcedRead) && std::any_of(m_pendingEvents.begin(), m_pendingEvents.end(), isClose)) {
+    wait.arrived = kFdClose;
+  }
+  const bool outerWaiting = std::exchange(m_waiting, true);
+  m_waits = &wait;
+  const MonotonicTime deadline =
+      timeout > 0 ? loop.TheClock().Monotonic() + std::chrono::milliseconds{timeout} : MonotonicTime::max();
+  std::int32_t error = pvWait(wait, deadline, eventMask);
+  m_waits = wait.outer;
+  if (!m_waiting) error = platform::kWsaInterrupted;
+  m_waiting = outerWaiting;
+  if (!m_pendingEvents.empty() && m_slot >= 0) m_helper->Post(m_slot, -1, 0);
+  return error == 0 ? pvSucceed() : pvFail(error);
+}
+
+// 0 or the code the wait fails with. The deadline is the wait's own, so that waits within one another do not share a
+// timer.
+std::int32_t cAsyncSocket::pvWait(Wait& wait, MonotonicTime deadline, std::int32_t eventMask) {
+  platform::MessageLoop& loop = m_helper->Loop();
+  for (bool yield = true;;) {
+    yield |= pvTakeMessage(kMessageFirstSocket + static_cast<std::uint32_t>(m_slot));
+    if ((wait.arrived & eventMask) != 0) return 0;
+    if ((wait.arrived & kFdClose) != 0) return platform::kWsaNotConnected;
+    yield |= pvTakeMessage(kMessageResolved);
+    if (pvClosedSince(wait.generation)) return platform::kWsaInterrupted;
+    if ((wait.arrived & eventMask) != 0) return 0;
+    if (deadline != MonotonicTime::max() && loop.TheClock().Monotonic() >= deadline) return platform::kTimeoutResult;
+    if (!m_waiting) return platform::kWsaInterrupted;
+    Message message;
+    if (yield && loop.Peek(message, {}, false)) {
+      if (!pvLetOneMessageRun(wait)) return platform::kWsaInterrupted;
+      yield = false;
+    } else {
+      loop.WaitForWork(std::chrono::milliseconds{1});
+      yield = true;
+    }
+  }
+}
+
+// Takes one message of the helper's window. A notification for this socket is kept, as it is in a wait; a lookup that
+// has ended goes to the socket it belongs to.
+bool cAsyncSocket::pvTakeMessage(std::uint32_t number) {
+  platform::MessageLoop& loop = m_helper->Loop();
+  Message message;
+  if (!loop.Peek(message, {m_helper->Window(), number, number}, true)) return false;
+  loop.Dispatch(message);
+  return true;
+}
+
+// False when the socket was closed meanwhile.
+bool cAsyncSocket::pvLetOneMessageRun(const Wait& wait) {
+  bool handled = false;
+  pvRaise(&AsyncSocketEvents::OnMessagePending, handled);
+  if (pvClosedSince(wait.generation)) return false;
+  if (!handled) m_helper->Loop().DispatchOneDuringWait();
+  return !pvClosedSince(wait.generation);
+}
+
+}  // namespace quenmark::sockets

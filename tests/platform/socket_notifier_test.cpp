@@ -1,0 +1,151 @@
+#include "platform/socket_notifier.h"
+
+#include "platform/winsock_errors.h"
+#include "tests/support/plain_socket.h"
+
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+
+namespace quenmark::platform {
+namespace {
+
+constexpr std::uint32_t kNumber = 2000;
+
+class SocketNotifierTest : public testing::Test {
+ protected:
+  SocketNotifierTest() {
+    m_window = m_loop.CreateHiddenWindow("notifier test", [this](const Message& message) {
+      m_notifier.Taken(static_cast<SocketHandle>(message.wParam), static_cast<std::int32_t>(message.lParam & 0xFFFF));
+      m_events.push_back(static_cast<std::int32_t>(message.lParam));
+    });
+  }
+  ~SocketNotifierTest() override { m_notifier.Forget(m_socket); }
+
+  void Connect() {
+    m_listener = test::Descriptor(test::PlainListener());
+    m_peer = test::Descriptor(test::PlainConnect(test::PortOf(m_listener)));
+    m_socket = test::Descriptor(test::PlainAccept(m_listener));
+    ASSERT_TRUE(m_notifier.Select(m_socket, m_window, kNumber, kFdAll).Ok());
+    ASSERT_TRUE(Arrives(kFdWrite));
+    m_events.clear();
+  }
+  bool Arrives(std::int32_t event) {
+    const auto seen = [&] { return std::count(m_events.begin(), m_events.end(), event) > 0; };
+    return m_loop.WaitUntil(seen, m_clock.Monotonic() + std::chrono::seconds{20});
+  }
+  void Settle() { m_loop.Sleep(std::chrono::milliseconds{10}); }
+
+  SystemClock m_clock;
+  MessageLoop m_loop{m_clock};
+  SystemSocketApi m_api;
+  SocketNotifier m_notifier{m_loop, m_api};
+  WindowId m_window = 0;
+  std::vector<std::int32_t> m_events;
+  test::Descriptor m_listener;
+  test::Descriptor m_peer;
+  test::Descriptor m_socket;
+};
+
+TEST_F(SocketNotifierTest, ManySmallReceivesQueueOneRead) {
+  Connect();
+  test::PlainSend(m_peer, std::string(1000, 'x'));
+  ASSERT_TRUE(Arrives(kFdRead));
+  m_events.clear();
+  std::array<std::uint8_t, 10> room{};
+  for (int i = 0; i < 99; ++i) ASSERT_EQ(m_notifier.Receive(m_socket, room, 0).value, 10);
+  m_loop.RunQueued();
+  EXPECT_EQ(m_events, std::vector<std::int32_t>{kFdRead});
+  ASSERT_EQ(m_notifier.Receive(m_socket, room, 0).value, 10);  // the last of them
+  m_loop.RunQueued();
+  EXPECT_EQ(m_events.size(), 1U);
+}
+
+TEST_F(SocketNotifierTest, APeekLeavesDataSoReadComesAgain) {
+  Connect();
+  test::PlainSend(m_peer, "abc");
+  ASSERT_TRUE(Arrives(kFdRead));
+  m_events.clear();
+  std::array<std::uint8_t, 10> room{};
+  ASSERT_EQ(m_notifier.Receive(m_socket, room, kMessagePeek).value, 3);
+  ASSERT_TRUE(Arrives(kFdRead));
+}
+
+TEST_F(SocketNotifierTest, SelectingAgainTellsAnewWhatHolds) {
+  Connect();
+  test::PlainSend(m_peer, "abc");
+  ASSERT_TRUE(Arrives(kFdRead));
+  m_events.clear();
+  ASSERT_TRUE(m_notifier.Select(m_socket, m_window, kNumber, kFdRead).Ok());
+  ASSERT_TRUE(Arrives(kFdRead));
+  Settle();
+  EXPECT_EQ(m_events.size(), 1U);  // WRITE is not asked for
+  ASSERT_TRUE(m_notifier.Select(m_socket, m_window, kNumber, 0).Ok());
+  EXPECT_FALSE(m_notifier.IsSelected(m_socket));
+  m_events.clear();
+  test::PlainSend(m_peer, "def");
+  Settle();
+  EXPECT_TRUE(m_events.empty());
+}
+
+TEST_F(SocketNotifierTest, UrgentDataIsAnEventOfItsOwn) {
+  Connect();
+  test::PlainSend(m_peer, "ab");
+  ASSERT_EQ(send(m_peer, "!", 1, MSG_OOB), 1);
+  test::PlainSend(m_peer, "cd");
+  ASSERT_TRUE(Arrives(kFdOutOfBand));
+  std::array<std::uint8_t, 10> room{};
+  ASSERT_EQ(m_notifier.Receive(m_socket, room, kMessageOutOfBand).value, 1);
+  EXPECT_EQ(room[0], '!');
+  // A receive ends at the mark; what lies behind it is announced all the same.
+  ASSERT_EQ(m_notifier.Receive(m_socket, room, 0).value, 2);
+  m_events.clear();
+  ASSERT_TRUE(Arrives(kFdRead));
+  EXPECT_EQ(m_notifier.Receive(m_socket, room, 0).value, 2);
+}
+
+TEST_F(SocketNotifierTest, AConnectThatRunsAlreadyIsReported) {
+  m_listener = test::Descriptor(test::PlainListener());
+  m_socket = test::Descriptor(m_api.Open(kSockStream).value);
+  ASSERT_TRUE(m_notifier.Select(m_socket, m_window, kNumber, kFdAll).Ok());
+  Settle();
+  EXPECT_TRUE(m_events.empty());  // an unconnected socket has nothing to tell
+  const auto port = static_cast<std::uint16_t>(test::PortOf(m_listener));
+  EXPECT_EQ(m_notifier.Connect(m_socket, {{127, 0, 0, 1}, port}).error, kWsaWouldBlock);
+  ASSERT_TRUE(Arrives(kFdWrite));
+  EXPECT_EQ(m_events, (std::vector<std::int32_t>{kFdConnect, kFdWrite}));
+}
+
+TEST_F(SocketNotifierTest, AnErrorOfADatagramSocketDoesNotSilenceIt) {
+  m_peer = test::Descriptor(test::PlainSocket(SOCK_DGRAM));
+  m_socket = test::Descriptor(test::PlainSocket(SOCK_DGRAM));
+  sockaddr_in own{};
+  socklen_t size = sizeof(own);
+  ASSERT_EQ(getsockname(m_socket, reinterpret_cast<sockaddr*>(&own), &size), 0);
+  sockaddr_in other = own;
+  other.sin_port = htons(static_cast<std::uint16_t>(test::PortOf(m_peer)));
+  ASSERT_EQ(connect(m_socket, reinterpret_cast<const sockaddr*>(&other), size), 0);
+  ASSERT_TRUE(m_notifier.Select(m_socket, m_window, kNumber, kFdAll).Ok());
+  m_peer.Close();
+  ASSERT_EQ(send(m_socket, "x", 1, 0), 1);
+  ASSERT_TRUE(Arrives(kFdRead | (kWsaRefused << 16)));
+  m_peer = test::Descriptor(socket(AF_INET, SOCK_DGRAM, 0));
+  ASSERT_EQ(bind(m_peer, reinterpret_cast<const sockaddr*>(&other), size), 0);
+  ASSERT_EQ(sendto(m_peer, "y", 1, 0, reinterpret_cast<const sockaddr*>(&own), size), 1);
+  EXPECT_TRUE(Arrives(kFdRead));
+}
+
+TEST_F(SocketNotifierTest, RefusesWhatIsNoSocket) {
+  EXPECT_EQ(m_notifier.Select(-1, m_window, kNumber, kFdAll).error, kWsaNotSocket);
+  EXPECT_EQ(m_notifier.Select(0x7FFFFFFF, m_window, kNumber, kFdAll).error, kWsaNotSocket);
+  EXPECT_FALSE(m_notifier.IsSelected(-1));
+  m_notifier.Forget(-1);
+  m_notifier.Taken(-1, kFdRead);
+}
+
+}  // namespace
+}  // namespace quenmark::platform

@@ -1,0 +1,264 @@
+// The waiting calls.
+#include "platform/winsock_errors.h"
+#include "tests/sockets/socket_fixture.h"
+#include "tests/support/name_server.h"
+
+#include <sys/socket.h>
+
+#include <array>
+#include <thread>
+
+namespace quenmark::test {
+namespace {
+
+using platform::kFdConnect;
+using platform::kFdRead;
+using platform::kFdWrite;
+using platform::kTimeoutResult;
+
+class AsyncSocketSync : public SocketTest {
+ protected:
+  // Runs once, that many milliseconds from now.
+  void Later(int delay, std::function<void()> work) {
+    auto timer = std::make_shared<std::unique_ptr<platform::Timer>>();
+    *timer = std::make_unique<platform::Timer>(m_loop, milliseconds{delay}, [timer, work = std::move(work)] {
+      (*timer)->SetEnabled(false);
+      work();
+    });
+    (*timer)->SetEnabled(true);
+    m_timers.push_back(timer);
+  }
+  void TearDown() override {
+    for (const auto& timer : m_timers) timer->reset();
+  }
+
+  std::vector<std::shared_ptr<std::unique_ptr<platform::Timer>>> m_timers;
+};
+
+TEST_F(AsyncSocketSync, ConnectKeepsTheEventForTheQueue) {
+  m_listener = Descriptor(PlainListener());
+  m_socket = NewSocket();
+  ASSERT_TRUE(m_socket->SyncConnect("localhost", PortOf(m_listener)));
+  EXPECT_EQ(m_socket->LastError(), 0);
+  m_loop.RunQueued();
+  EXPECT_FALSE(m_recorder->Saw("OnConnect"));
+  m_socket->SyncProcessMsgQueue();
+  EXPECT_EQ(m_recorder->Count("OnConnect"), 1);
+  m_socket->SyncProcessMsgQueue();
+  EXPECT_EQ(m_recorder->Count("OnConnect"), 1);
+}
+
+TEST_F(AsyncSocketSync, ARefusedConnectIsAnEventNotAFailure) {
+  m_socket = NewSocket();
+  EXPECT_TRUE(m_socket->SyncConnect("127.0.0.1", PortOf(Descriptor(PlainSocket(SOCK_STREAM))), 2000));
+  EXPECT_TRUE(m_recorder->events.empty());
+  m_socket->SyncProcessMsgQueue();
+  EXPECT_EQ(m_recorder->events, std::vector<std::string>{"OnError 10061 16"});
+}
+
+TEST_F(AsyncSocketSync, ASilentNameServerEndsWithTheTimeoutAndTheLoopLives) {
+  NameServer server(m_loop);
+  server.silent = true;
+  m_services.nameServers = server.Address();
+  int ticks = 0;
+  int mainTicks = 0;
+  platform::Timer timer(m_loop, milliseconds{5}, [&] { ++ticks; });
+  platform::Timer mainTimer(
+      m_loop, milliseconds{5}, [&] { ++mainTicks; }, platform::TimerKind::kMainTick);
+  timer.SetEnabled(true);
+  mainTimer.SetEnabled(true);
+  m_socket = NewSocket();
+  const auto start = m_clock.Monotonic();
+  EXPECT_FALSE(m_socket->SyncConnect("slow.test", 80, 300));
+  EXPECT_EQ(m_socket->LastError(), kTimeoutResult);
+  EXPECT_GE(m_clock.Monotonic() - start, milliseconds{300});
+  EXPECT_GT(ticks, 3);
+  EXPECT_EQ(mainTicks, 0);
+  EXPECT_TRUE(m_socket->HasPendingResolve());
+  EXPECT_FALSE(m_socket->SyncWaitForEvent(20, sockets::kResolved));
+  EXPECT_TRUE(m_socket->Close_());
+  EXPECT_FALSE(m_socket->HasPendingResolve());
+  m_loop.Sleep(milliseconds{20});
+  EXPECT_TRUE(m_recorder->events.empty());
+}
+
+TEST_F(AsyncSocketSync, AWaitForTheResolution) {
+  NameServer server(m_loop);
+  m_services.nameServers = server.Address();
+  m_socket = NewSocket();
+  EXPECT_TRUE(m_socket->SyncWaitForEvent(1000, sockets::kResolved));  // none is pending
+  EXPECT_FALSE(m_socket->SyncWaitForEvent(1000, kFdConnect));
+  EXPECT_EQ(m_socket->LastError(), platform::kWsaNotSocket);
+  ASSERT_TRUE(m_socket->Connect("nowhere.test.", 80));
+  EXPECT_TRUE(m_socket->SyncWaitForEvent(5000, sockets::kResolved));
+  EXPECT_EQ(m_recorder->events, std::vector<std::string>{"OnError 11001 32768"});
+}
+
+TEST_F(AsyncSocketSync, AnotherSocketsLookupIsNotLostInAWait) {
+  NameServer server(m_loop);
+  server.names["a.test"] = {{127, 0, 0, 1}};
+  m_services.nameServers = server.Address();
+  ConnectPair();
+  const auto other = NewSocket();
+  ASSERT_TRUE(other->Connect("a.test", PortOf(m_listener)));
+  EXPECT_FALSE(m_socket->SyncWaitForEvent(100, kFdRead));
+  EXPECT_TRUE(m_recorder->Saw("OnResolve 127.0.0.1"));
+  EXPECT_TRUE(m_recorder->Saw("OnConnect"));
+}
+
+TEST_F(AsyncSocketSync, ReceivesWhatIsNeededInPieces) {
+  ConnectPair();
+  std::vector<std::uint8_t> data;
+  PlainSend(m_peer, "abc");
+  Later(5, [&] { PlainSend(m_peer, "def"); });
+  Later(15, [&] { PlainSend(m_peer, "ghi"); });
+  ASSERT_TRUE(m_socket->SyncReceiveArray(data, 8, 5000));
+  EXPECT_EQ(cAsyncSocket::FromTextArray(data, 0), "abcdefgh");
+  ASSERT_TRUE(m_socket->SyncReceiveArray(data, 0, 5000));
+  EXPECT_EQ(cAsyncSocket::FromTextArray(data, 0), "i");
+  PlainSend(m_peer, "xy");
+  EXPECT_FALSE(m_socket->SyncReceiveArray(data, 3, 20));
+  EXPECT_EQ(m_socket->LastError(), kTimeoutResult);
+  EXPECT_EQ(cAsyncSocket::FromTextArray(data, 0), "xy");
+  ASSERT_TRUE(m_socket->SetSockOpt(platform::kSoReceiveTimeout, 30));
+  EXPECT_FALSE(m_socket->SyncReceiveArray(data, 1));
+  EXPECT_EQ(m_socket->LastError(), kTimeoutResult);
+  std::array<std::uint8_t, 10> room{};
+  std::int32_t received = -1;
+  EXPECT_FALSE(m_socket->SyncReceive(room, received, 10));
+  EXPECT_EQ(received, 0);
+  Later(5, [&] { PlainSend(m_peer, "12"); });
+  EXPECT_TRUE(m_socket->SyncReceive(room, received, 5000));
+  EXPECT_EQ(received, 2);
+  EXPECT_TRUE(m_socket->SyncReceive({}, received, 5000));
+  EXPECT_EQ(received, 0);
+}
+
+TEST_F(AsyncSocketSync, TextCutWithinACharacterComesOutWhole) {
+  ConnectPair();
+  const std::string text = "\u20acuro \U0001F600";
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    Later(static_cast<int>(i) + 1, [this, &text, i] { PlainSend(m_peer, text.substr(i, 1)); });
+  }
+  EXPECT_EQ(m_socket->SyncReceiveText(7, 5000), text);  // UTF-16 units
+  EXPECT_EQ(m_socket->LastError(), 0);
+  PlainSend(m_peer, std::string("\xE9\x80", 2));
+  EXPECT_EQ(m_socket->SyncReceiveText(3, 30, nullptr, nullptr, 1252), "\u00e9\u20ac");
+  EXPECT_EQ(m_socket->LastError(), kTimeoutResult);
+}
+
+TEST_F(AsyncSocketSync, ThePeersCloseEndsAWaitForData) {
+  ConnectPair();
+  PlainSend(m_peer, "end");
+  m_peer.Close();
+  std::vector<std::uint8_t> data;
+  EXPECT_FALSE(m_socket->SyncReceiveArray(data, 10, 5000));
+  EXPECT_EQ(m_socket->LastError(), platform::kWsaNotConnected);
+  EXPECT_EQ(data.size(), 3U);
+  // The close was seen in a wait and not told yet: the next wait need not run into its timeout.
+  EXPECT_FALSE(m_socket->SyncReceiveArray(data, 10, 5000));
+  EXPECT_EQ(m_socket->LastError(), platform::kWsaNotConnected);
+  m_socket->SyncProcessMsgQueue();
+  EXPECT_EQ(m_recorder->Count("OnClose"), 1);
+}
+
+TEST_F(AsyncSocketSync, SendsEverythingOrSaysWhyNot) {
+  ConnectPair();
+  ASSERT_TRUE(m_socket->SetSockOpt(platform::kSoSendBuffer, 4096));
+  const std::string data = Pattern(3 << 20);
+  std::string received;
+  std::thread reader([&] { received = PlainReceive(m_peer, data.size()); });
+  EXPECT_TRUE(m_socket->SyncSend(Bytes(data), 10'000));
+  reader.join();
+  EXPECT_TRUE(received == data);
+  EXPECT_FALSE(m_socket->SyncSend(Bytes(Pattern(16 << 20)), 30));  // nobody reads
+  EXPECT_EQ(m_socket->LastError(), kTimeoutResult);
+  EXPECT_TRUE(m_socket->SyncSendArray({}, 30));
+  EXPECT_EQ(m_socket->LastError(), 0);
+}
+
+TEST_F(AsyncSocketSync, CancelCloseAndDropEndAWait) {
+  ConnectPair();
+  Later(5, [&] { m_socket->SyncCancelWait(); });
+  EXPECT_FALSE(m_socket->SyncWaitForEvent(0, kFdRead));
+  EXPECT_EQ(m_socket->LastError(), platform::kWsaInterrupted);
+  m_recorder->act = [](cAsyncSocket& socket, const std::string& event) {
+    if (event == "OnMessagePending") socket.Close_();
+  };
+  m_loop.Post({m_loop.CreateHiddenWindow("any", [](const platform::Message&) {}), 2000, 0, 0});
+  EXPECT_FALSE(m_socket->SyncWaitForEvent(0, kFdRead));
+  EXPECT_EQ(m_socket->LastError(), platform::kWsaInterrupted);
+  EXPECT_EQ(m_socket->SocketHandle(), -1);
+  m_recorder->act = nullptr;
+  ConnectPair();
+  std::weak_ptr<cAsyncSocket> weak = m_socket;
+  Later(5, [&] { m_socket.reset(); });
+  EXPECT_FALSE(m_socket->SyncWaitForEvent(0, kFdRead));
+  EXPECT_TRUE(weak.expired());
+}
+
+TEST_F(AsyncSocketSync, AHandledPendingMessageStaysQueued) {
+  ConnectPair();
+  int delivered = 0;
+  m_loop.Post({m_loop.CreateHiddenWindow("any", [&](const platform::Message&) { ++delivered; }), 2000, 0, 0});
+  m_recorder->pendingHandled = true;
+  EXPECT_FALSE(m_socket->SyncWaitForEvent(20, kFdRead));
+  EXPECT_EQ(m_socket->LastError(), kTimeoutResult);
+  EXPECT_EQ(delivered, 0);
+  EXPECT_GT(m_recorder->pendingCalls, 0);
+  m_recorder->pendingHandled = false;
+  EXPECT_FALSE(m_socket->SyncWaitForEvent(20, kFdRead));
+  EXPECT_EQ(delivered, 1);
+}
+
+TEST_F(AsyncSocketSync, AWaitWithinAWaitDisturbsNeither) {
+  ConnectPair();
+  const auto outer = m_socket;
+  const Descriptor outerPeer = std::move(m_peer);
+  ConnectPair();
+  const auto inner = m_socket;
+  std::int32_t innerError = 0;
+  Later(5, [&] {
+    PlainSend(outerPeer, "for the outer");  // arrives while the inner waits
+    EXPECT_FALSE(inner->SyncWaitForEvent(50, kFdRead));
+    innerError = inner->LastError();
+  });
+  EXPECT_TRUE(outer->SyncWaitForEvent(5000, kFdRead));
+  EXPECT_EQ(innerError, kTimeoutResult);
+  EXPECT_EQ(outer->ReceiveText(), "for the outer");
+  EXPECT_FALSE(m_recorder->Saw("OnReceive"));
+  outer->SyncProcessMsgQueue();  // its data is gone: no OnReceive
+  EXPECT_FALSE(m_recorder->Saw("OnReceive"));
+
+  // The outer timeout still ends the outer wait.
+  Later(5, [&] { EXPECT_FALSE(inner->SyncWaitForEvent(10, kFdRead)); });
+  const auto start = m_clock.Monotonic();
+  EXPECT_FALSE(outer->SyncWaitForEvent(60, kFdRead));
+  EXPECT_EQ(outer->LastError(), kTimeoutResult);
+  EXPECT_GE(m_clock.Monotonic() - start, milliseconds{60});
+
+  // On one socket: what the inner wait takes counts for the outer one; a cancelled inner one leaves the outer alone.
+  Later(5, [&] {
+    PlainSend(outerPeer, "x");
+    Later(20, [&] { outer->SyncCancelWait(); });
+    EXPECT_FALSE(outer->SyncWaitForEvent(5000, kFdWrite));
+    EXPECT_EQ(outer->LastError(), platform::kWsaInterrupted);
+  });
+  EXPECT_TRUE(outer->SyncWaitForEvent(5000, kFdRead));
+}
+
+TEST_F(AsyncSocketSync, KeptNotificationsDoNotPileUp) {
+  ConnectPair();
+  std::vector<std::uint8_t> data;
+  for (int i = 0; i < 100; ++i) {
+    Later(1, [&] { PlainSend(m_peer, "x"); });
+    ASSERT_TRUE(m_socket->SyncReceiveArray(data, 1, 5000));
+  }
+  PlainSend(m_peer, "y");
+  m_socket->SyncWaitForEvent(5000, kFdRead);
+  m_socket->SyncProcessMsgQueue();
+  EXPECT_EQ(m_recorder->events, std::vector<std::string>{"OnReceive"});
+}
+
+}  // namespace
+}  // namespace quenmark::test

@@ -1,0 +1,425 @@
+#include "sockets/async_socket.h"
+
+#include "platform/winsock_errors.h"
+#include "tests/sockets/socket_fixture.h"
+#include "tests/support/child_process.h"
+#include "tests/support/name_server.h"
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+#include <thread>
+
+namespace quenmark::test {
+namespace {
+
+using platform::kFdRead;
+using platform::kSockDatagram;
+
+using AsyncSocket = SocketTest;
+using Events = std::vector<std::string>;
+
+// --- Connecting ------------------------------------------------------------------------------------------------------
+
+TEST_F(AsyncSocket, ConnectsByAddressWithEventsInOrder) {
+  m_recorder->notify = true;
+  m_listener = Descriptor(PlainListener());
+  m_socket = NewSocket();
+  EXPECT_EQ(m_socket->SocketHandle(), -1);
+  ASSERT_TRUE(m_socket->Connect("127.0.0.1", PortOf(m_listener)));
+  EXPECT_EQ(m_socket->LastError(), 0);
+  EXPECT_TRUE(m_recorder->events.empty());
+  ASSERT_TRUE(WaitFor("After 2"));
+  EXPECT_EQ(m_recorder->events, (Events{"Before 16", "OnConnect", "After 16", "Before 2", "OnSend", "After 2"}));
+  std::string address;
+  std::int32_t port = 0;
+  ASSERT_TRUE(m_socket->GetPeerName(address, port));
+  EXPECT_EQ(address, "127.0.0.1");
+  EXPECT_EQ(port, PortOf(m_listener));
+  ASSERT_TRUE(m_socket->GetSockName(address, port));
+  EXPECT_EQ(port, PortOf(m_socket->SocketHandle()));
+}
+
+TEST_F(AsyncSocket, ConnectsByName) {
+  m_listener = Descriptor(PlainListener());
+  m_socket = NewSocket();
+  m_socket->SetLastError(5);
+  ASSERT_TRUE(m_socket->Connect("localhost", PortOf(m_listener)));
+  EXPECT_EQ(m_socket->LastError(), 0);
+  EXPECT_TRUE(m_socket->HasPendingResolve());
+  ASSERT_TRUE(WaitFor("OnConnect"));
+  EXPECT_FALSE(m_socket->HasPendingResolve());
+  EXPECT_EQ(m_recorder->events, (Events{"OnResolve 127.0.0.1", "OnConnect"}));
+}
+
+TEST_F(AsyncSocket, UnknownNameIsAnErrorAndNoConnect) {
+  NameServer server(m_loop);
+  m_services.nameServers = server.Address();
+  m_socket = NewSocket();
+  ASSERT_TRUE(m_socket->Connect("nowhere.test.", 80));
+  ASSERT_TRUE(Wait([&] { return !m_recorder->events.empty(); }));
+  Settle();
+  EXPECT_EQ(m_recorder->events, Events{"OnError 11001 32768"});
+  EXPECT_FALSE(m_socket->HasPendingResolve());
+}
+
+TEST_F(AsyncSocket, TwoLookupsAtOnceAndACancelledThird) {
+  NameServer server(m_loop);
+  m_services.nameServers = server.Address();
+  m_listener = Descriptor(PlainListener());
+  server.names["a.test"] = server.names["b.test"] = server.names["c.test"] = {{127, 0, 0, 1}};
+  const auto first = NewSocket();
+  const auto second = NewSocket();
+  const auto third = NewSocket();
+  for (const auto& [socket, name] : {std::pair{first, "a.test"}, {second, "b.test"}, {third, "c.test"}}) {
+    ASSERT_TRUE(socket->Connect(name, PortOf(m_listener)));
+  }
+  third->Close_();
+  ASSERT_TRUE(Wait([&] { return m_recorder->Count("OnConnect") == 2; }));
+  Settle();
+  EXPECT_EQ(m_recorder->Count("OnResolve 127.0.0.1"), 2);
+  EXPECT_EQ(third->SocketHandle(), -1);
+}
+
+TEST_F(AsyncSocket, RefusedAndReset) {
+  m_listener = Descriptor(PlainListener());
+  const int port = PortOf(m_listener);
+  m_listener.Close();
+  m_socket = NewSocket();
+  ASSERT_TRUE(m_socket->Connect("127.0.0.1", port));
+  ASSERT_TRUE(Wait([&] { return !m_recorder->events.empty(); }));
+  EXPECT_EQ(m_recorder->events, Events{"OnError 10061 16"});
+
+  m_recorder->events.clear();
+  ConnectPair();
+  PlainReset(m_peer);
+  ASSERT_TRUE(Wait([&] { return !m_recorder->events.empty(); }));
+  Settle();
+  EXPECT_EQ(m_recorder->events, Events{"OnError 10054 32"});
+  std::array<std::uint8_t, 8> room{};
+  EXPECT_EQ(m_socket->Receive(room), -1);
+  EXPECT_EQ(m_socket->LastError(), platform::kWsaConnectionReset);
+  EXPECT_EQ(m_socket->Send(Bytes("x")), -1);
+  EXPECT_EQ(m_socket->LastError(), platform::kWsaConnectionReset);
+}
+
+TEST_F(AsyncSocket, RefusesWhatCannotBe) {
+  m_socket = NewSocket();
+  EXPECT_FALSE(m_socket->Connect("127.0.0.1", 70'000));
+  EXPECT_EQ(m_socket->LastError(), platform::kWsaInvalid);
+  EXPECT_EQ(m_socket->Send(Bytes("x")), -1);
+  EXPECT_EQ(m_socket->LastError(), platform::kWsaNotSocket);
+  ASSERT_TRUE(m_socket->Create());
+  EXPECT_FALSE(m_socket->Create());
+  EXPECT_EQ(m_socket->LastError(), platform::kWsaAlready);
+  EXPECT_FALSE(m_socket->Attach(0));
+  EXPECT_EQ(m_socket->LastError(), platform::kWsaAlready);
+  EXPECT_FALSE(m_socket->Connect("0.0.0.0", 80));
+  EXPECT_EQ(m_socket->LastError(), platform::kWsaAddressNotAvailable);
+  EXPECT_EQ(m_socket->Send(Bytes("x")), -1);
+  EXPECT_EQ(m_socket->LastError(), platform::kWsaNotConnected + 1);  // the kernel's broken pipe
+  EXPECT_TRUE(m_socket->Close_());
+  EXPECT_FALSE(m_socket->Attach(-1));
+  EXPECT_EQ(m_socket->LastError(), platform::kWsaNotSocket);
+  EXPECT_EQ(m_socket->Detach(), -1);
+  m_loop.DestroyWindow(m_loop.FindHiddenWindow(sockets::NotificationHelper::WindowName()));
+  EXPECT_FALSE(m_socket->Create());
+  EXPECT_EQ(m_socket->LastError(), platform::kWsaNotInitialised);
+}
+
+// --- Data ------------------------------------------------------------------------------------------------------------
+
+TEST_F(AsyncSocket, ReadComesOnceAndAgainAfterAReceiveThatLeavesData) {
+  ConnectPair();
+  m_recorder->notify = true;
+  PlainSend(m_peer, "12345678");
+  ASSERT_TRUE(WaitFor("OnReceive"));
+  PlainSend(m_peer, "9");
+  Settle();
+  EXPECT_EQ(m_recorder->events, (Events{"Before 1", "OnReceive", "After 1"}));
+  std::array<std::uint8_t, 4> room{};
+  EXPECT_EQ(m_socket->Receive(room), 4);
+  ASSERT_TRUE(Wait([&] { return m_recorder->Count("OnReceive") == 2; }));
+  std::vector<std::uint8_t> rest;
+  ASSERT_TRUE(m_socket->ReceiveArray(rest));
+  EXPECT_EQ(cAsyncSocket::FromTextArray(rest, 0), "56789");
+  Settle();
+  EXPECT_EQ(m_recorder->Count("OnReceive"), 2);
+  EXPECT_TRUE(m_socket->ReceiveArray(rest));
+  EXPECT_TRUE(rest.empty());
+  EXPECT_EQ(m_socket->Receive(room), -1);
+  EXPECT_TRUE(m_socket->HasPendingEvent());
+}
+
+TEST_F(AsyncSocket, AnEmptyReceiveRearmsAndAStaleReadRaisesNoReceive) {
+  ConnectPair();
+  PlainSend(m_peer, "data");
+  ASSERT_TRUE(WaitFor("OnReceive"));
+  EXPECT_EQ(m_socket->Receive({}), 0);
+  EXPECT_EQ(m_socket->LastError(), 0);
+  ASSERT_TRUE(Wait([&] { return m_recorder->Count("OnReceive") == 2; }));
+  EXPECT_EQ(m_socket->Receive({}), 0);         // posts a read …
+  EXPECT_EQ(m_socket->ReceiveText(), "data");  // … that finds nothing
+  m_recorder->notify = true;
+  m_recorder->events.clear();
+  Settle();
+  EXPECT_EQ(m_recorder->events, (Events{"Before 1", "After 1"}));
+}
+
+TEST_F(AsyncSocket, CancelKeepsBackTheEventAndAfterNotify) {
+  ConnectPair();
+  m_recorder->notify = m_recorder->cancelNext = true;
+  PlainSend(m_peer, "x");
+  ASSERT_TRUE(WaitFor("Before 1"));
+  Settle();
+  EXPECT_EQ(m_recorder->events, Events{"Before 1"});
+}
+
+TEST_F(AsyncSocket, DataComesBeforeTheCloseAndTheOtherSideStaysOpen) {
+  ConnectPair();
+  PlainSend(m_peer, "last words");
+  shutdown(m_peer, SHUT_WR);
+  ASSERT_TRUE(WaitFor("OnReceive"));
+  Settle();
+  EXPECT_FALSE(m_recorder->Saw("OnClose"));  // not while data waits
+  std::array<std::uint8_t, 100> room{};
+  EXPECT_EQ(m_socket->Receive(std::span(room).first(4)), 4);
+  Settle();
+  EXPECT_FALSE(m_recorder->Saw("OnClose"));
+  EXPECT_EQ(m_socket->Receive(room), 6);
+  ASSERT_TRUE(WaitFor("OnClose"));
+  ASSERT_TRUE(m_socket->SendText("answer"));
+  EXPECT_EQ(PlainReceive(m_peer, 6), "answer");
+  EXPECT_EQ(m_socket->Receive(room), 0);
+  Settle();
+  EXPECT_EQ(m_recorder->Count("OnClose"), 1);
+}
+
+TEST_F(AsyncSocket, OurShutDownIsNoCloseOfThePeer) {
+  ConnectPair();
+  ASSERT_TRUE(m_socket->ShutDown(platform::kShutBoth));
+  EXPECT_TRUE(AtEnd(m_peer));
+  Settle();
+  EXPECT_TRUE(m_recorder->events.empty());
+  EXPECT_EQ(m_socket->Send(Bytes("x")), -1);
+  EXPECT_EQ(m_socket->LastError(), platform::kWsaShutDown);
+}
+
+TEST_F(AsyncSocket, BigTransfersBothWaysWithTinyBuffers) {
+  constexpr std::size_t kSize = 4 << 20;
+  const std::string data = Pattern(kSize);
+  ConnectPair();
+  ASSERT_TRUE(m_socket->SetSockOpt(platform::kSoSendBuffer, 2048));
+  ASSERT_TRUE(m_socket->SetSockOpt(platform::kSoReceiveBuffer, 16384));
+  std::thread sender([&] { PlainSend(m_peer, data); });
+  std::string echoed;
+  std::thread receiver([&] { echoed = PlainReceive(m_peer, kSize); });
+  std::string received;
+  std::size_t sent = 0;
+  int sends = 0;
+  const auto send = [&] {
+    while (sent < kSize) {
+      const std::int32_t count = m_socket->Send(Bytes(data).subspan(sent, std::min<std::size_t>(kSize - sent, 5000)));
+      if (count < 0) break;
+      sent += static_cast<std::size_t>(count);
+    }
+    EXPECT_TRUE(sent == kSize || m_socket->HasPendingEvent());
+  };
+  m_recorder->act = [&](cAsyncSocket& socket, const std::string& event) {
+    if (event == "OnSend") ++sends;
+    if (event == "OnSend") send();
+    std::array<std::uint8_t, 1000> room;
+    if (event != "OnReceive") return;
+    const std::int32_t count = socket.Receive(room);
+    if (count > 0) received.append(room.begin(), room.begin() + count);
+  };
+  send();
+  EXPECT_TRUE(m_loop.WaitUntil([&] { return received.size() == kSize && sent == kSize; },
+                               m_clock.Monotonic() + std::chrono::seconds{60}))
+      << received.size() << ' ' << sent;
+  m_socket->ShutDown();
+  sender.join();
+  receiver.join();
+  EXPECT_TRUE(received == data);
+  EXPECT_TRUE(echoed == data);
+  EXPECT_GT(sends, 10);
+}
+
+TEST_F(AsyncSocket, AnIndependentServerAnswersAndCloses) {
+  ChildProcess server("openssl", {"s_server", "-accept", "127.0.0.1:0", "-nocert", "-rev"});
+  int port = 0;
+  while (port == 0) {
+    const auto line = server.ReadLine();
+    ASSERT_TRUE(line) << server.ErrorText();
+    if (line->starts_with("ACCEPT ")) port = std::stoi(line->substr(line->rfind(':') + 1));
+  }
+  m_socket = NewSocket();
+  constexpr std::array<std::uint8_t, 9> kNoHello{22, 3, 1, 0, 4, 99, 0, 0, 0};  // a handshake message of no known type
+  std::vector<std::uint8_t> answer;
+  m_recorder->act = [&](cAsyncSocket& socket, const std::string& event) {
+    if (event == "OnConnect") socket.SendArray(kNoHello);
+    if (event == "OnReceive") socket.ReceiveArray(answer);
+  };
+  ASSERT_TRUE(m_socket->Connect("localhost", port));
+  ASSERT_TRUE(Wait([&] { return m_recorder->Saw("OnClose") || m_recorder->Saw("OnError 10054 32"); }));
+  ASSERT_FALSE(answer.empty());
+  EXPECT_EQ(answer[0], 21);  // a TLS alert record, RFC 8446 §5.1
+}
+
+// --- Datagrams -------------------------------------------------------------------------------------------------------
+
+TEST_F(AsyncSocket, DatagramsCarryTheirSender) {
+  m_peer = Descriptor(PlainSocket(SOCK_DGRAM));
+  m_socket = NewSocket();
+  ASSERT_TRUE(m_socket->Create(0, kSockDatagram));
+  ASSERT_TRUE(m_socket->Connect("127.0.0.1", PortOf(m_peer)));
+  ASSERT_TRUE(WaitFor("OnConnect"));
+  ASSERT_TRUE(m_socket->SendText("ask", "localhost", PortOf(m_peer)));
+  EXPECT_EQ(PlainReceive(m_peer, 3), "ask");
+  EXPECT_FALSE(m_socket->SendText("ask", "no such host.", PortOf(m_peer)));
+  EXPECT_EQ(m_socket->LastError(), platform::kWsaInvalid);
+  EXPECT_FALSE(m_socket->SendText("ask"));  // it is not connected to anything
+
+  sockaddr_in to{};
+  socklen_t size = sizeof(to);
+  ASSERT_EQ(getsockname(m_socket->SocketHandle(), reinterpret_cast<sockaddr*>(&to), &size), 0);
+  to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  const auto sendToSocket = [&](std::string_view data) {
+    sendto(m_peer, data.data(), data.size(), 0, reinterpret_cast<const sockaddr*>(&to), size);
+  };
+  sendToSocket("");  // an empty one hides nothing
+  Settle();
+  sendToSocket("first");
+  sendToSocket("second");
+  ASSERT_TRUE(WaitFor("OnReceive"));
+  std::string address;
+  std::int32_t port = 0;
+  std::vector<std::uint8_t> data;
+  ASSERT_TRUE(m_socket->ReceiveArray(data, &address, &port));
+  EXPECT_EQ(cAsyncSocket::FromTextArray(data, 0), "first");
+  EXPECT_EQ(address, "127.0.0.1");
+  EXPECT_EQ(port, PortOf(m_peer));
+  ASSERT_TRUE(Wait([&] { return m_recorder->Count("OnReceive") == 2; }));
+  std::string unwanted(sockets::kNoSender);
+  EXPECT_EQ(m_socket->ReceiveText(&unwanted), "second");
+  EXPECT_EQ(unwanted, sockets::kNoSender);
+}
+
+// --- Accepting -------------------------------------------------------------------------------------------------------
+
+TEST_F(AsyncSocket, AcceptChain) {
+  const auto listener = NewSocket();
+  ASSERT_TRUE(listener->Create());
+  EXPECT_FALSE(listener->Listen());  // not bound
+  ASSERT_TRUE(listener->Bind("localhost", 0) && listener->Listen());
+  auto accepted = std::make_shared<Recorder>();
+  std::vector<std::shared_ptr<cAsyncSocket>> connections;
+  std::string received;
+  accepted->act = [&](cAsyncSocket& socket, const std::string& event) {
+    if (event == "OnReceive") received += socket.ReceiveText();
+  };
+  m_recorder->act = [&](cAsyncSocket& socket, const std::string& event) {
+    ASSERT_EQ(event, "OnAccept");
+    std::shared_ptr<cAsyncSocket> connection;
+    ASSERT_TRUE(socket.Accept(connection, "127.0.0.1", connections.empty() ? 0 : 1));
+    connection->SetEvents(accepted);
+    connections.push_back(connection);
+  };
+  std::vector<Descriptor> peers;
+  for (int i = 0; i < 3; ++i) {
+    peers.emplace_back(PlainConnect(PortOf(listener->SocketHandle())));
+    PlainSend(peers.back(), "hello");
+  }
+  ASSERT_TRUE(Wait([&] { return received.size() == 15; }));
+  EXPECT_EQ(m_recorder->events.size(), 3U);
+  EXPECT_EQ(accepted->Count("OnSend"), 3);
+  std::shared_ptr<cAsyncSocket> none;
+  EXPECT_FALSE(listener->Accept(none));
+  EXPECT_TRUE(listener->HasPendingEvent());
+  EXPECT_EQ(none, nullptr);
+  std::string address;
+  std::int32_t port = 0;
+  ASSERT_TRUE(connections[1]->GetPeerName(address, port));
+  EXPECT_EQ(port, PortOf(peers[1]));
+}
+
+TEST_F(AsyncSocket, AttachAndDetach) {
+  ConnectPair();
+  const auto other = cAsyncSocket::New(m_loop);
+  auto otherEvents = std::make_shared<Recorder>();
+  other->SetEvents(otherEvents);
+  const platform::SocketHandle handle = m_socket->Detach();
+  EXPECT_EQ(m_socket->SocketHandle(), -1);
+  EXPECT_EQ(m_socket->SlotIndex(), -1);
+  PlainSend(m_peer, "for the new owner");
+  Settle();
+  EXPECT_TRUE(m_recorder->events.empty());
+  ASSERT_TRUE(other->Attach(handle));
+  ASSERT_TRUE(Wait([&] { return otherEvents->Saw("OnReceive"); }));
+  EXPECT_EQ(other->ReceiveText(), "for the new owner");
+  EXPECT_TRUE(m_socket->Create());  // free for another one
+}
+
+// --- Options ---------------------------------------------------------------------------------------------------------
+
+TEST_F(AsyncSocket, OptionsAndCommands) {
+  ConnectPair();
+  EXPECT_EQ(m_socket->SockOpt(platform::kSoType), platform::kSockStream);
+  EXPECT_EQ(m_socket->SockOpt(0x7777), 0);
+  EXPECT_EQ(m_socket->LastError(), platform::kWsaNoProtocolOption);
+  EXPECT_EQ(m_socket->BlockingMode(), -1);
+  EXPECT_EQ(m_socket->LastError(), platform::kWsaInvalid);
+  std::int32_t argument = 0;
+  EXPECT_FALSE(m_socket->IOCtl(platform::kIoNonBlocking, argument));
+  ASSERT_TRUE(m_socket->AsyncSelect(0));
+  EXPECT_EQ(m_socket->BlockingMode(), 0);
+  std::array<std::uint8_t, 4> room{};
+  EXPECT_EQ(m_socket->Receive(room), -1);  // it did not become blocking
+  EXPECT_TRUE(m_socket->HasPendingEvent());
+  PlainSend(m_peer, "abc");
+  ASSERT_TRUE(Wait([&] { return m_socket->AvailableBytes() == 3; }));
+  Settle();
+  EXPECT_TRUE(m_recorder->events.empty());
+  ASSERT_TRUE(m_socket->IOCtl(platform::kIoBytesToRead, argument));
+  EXPECT_EQ(argument, 3);
+  ASSERT_TRUE(m_socket->AsyncSelect(kFdRead));
+  ASSERT_TRUE(WaitFor("OnReceive"));
+  EXPECT_EQ(m_recorder->events.size(), 1U);
+  EXPECT_EQ(m_socket->Send(Bytes("123")), 3);
+  EXPECT_EQ(m_socket->LastSendBytes(), 3);
+  EXPECT_EQ(cAsyncSocket::GetErrorDescription(10054), "An existing connection was forcibly closed by the remote host.");
+}
+
+TEST_F(AsyncSocket, PostedEventsComeThroughTheDispatcher) {
+  ConnectPair();
+  m_recorder->notify = true;
+  EXPECT_TRUE(m_socket->PostEvent(sockets::kForcedRead, true));
+  EXPECT_EQ(m_recorder->events, (Events{"Before 16384", "OnReceive", "After 16384"}));
+  m_recorder->events.clear();
+  EXPECT_TRUE(m_socket->PostEvent(platform::kFdAccept));
+  EXPECT_TRUE(m_socket->PostEvent(platform::kFdClose | (10054 << 16)));
+  EXPECT_TRUE(m_recorder->events.empty());
+  m_loop.RunQueued();
+  EXPECT_EQ(m_recorder->events, (Events{"Before 8", "OnAccept", "After 8", "OnError 10054 32"}));
+}
+
+TEST_F(AsyncSocket, LocalHost) {
+  m_socket = NewSocket();
+  std::string name;
+  std::string address;
+  std::vector<platform::AdapterAddress> adapters;
+  std::array<char, 256> own{};
+  gethostname(own.data(), own.size());
+  if (m_socket->GetLocalHost(name, address, adapters)) {
+    EXPECT_EQ(name, own.data());
+    EXPECT_TRUE(platform::ParseHost(address));
+    EXPECT_EQ(adapters, platform::AdapterAddresses());
+  } else {
+    EXPECT_EQ(m_socket->LastError(), platform::kWsaInvalid);  // a machine that does not know its own name
+  }
+}
+
+}  // namespace
+}  // namespace quenmark::test
