@@ -155,7 +155,7 @@ bool cZipArchive::Inflate(BytesView input, BytesView tail, std::string& output) 
   output.clear();
   if (!m_inflater) m_inflater = std::make_unique<Inflater>();
   if (m_inflater->Run(input, tail, output, m_keepsInflateWindow)) return true;
-  output = std::string();
+  std::string().swap(output);
   return false;
 }
 

@@ -9,7 +9,7 @@ namespace quenmark::websocket {
 
 namespace {
 
-constexpr std::size_t kShortestUrl = 9;    // UTF-16 code units
+constexpr std::size_t kShortestUrl = 8;    // UTF-16 code units
 constexpr std::size_t kLongestScheme = 3;  // characters before the first ":"
 constexpr std::int32_t kPlainPort = 80;
 constexpr std::int32_t kSecurePort = 443;
