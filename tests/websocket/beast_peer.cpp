@@ -94,7 +94,7 @@ TEST_F(BeastPeer, EchoWithEveryKindOfDeflate) {
     ASSERT_EQ(socket->readyState(), 1);
     const bool compressed = socket->Extensions().find("permessage-deflate") != std::string::npos;
     SCOPED_TRACE(socket->Extensions());
-    for (const std::size_t size : {1u, 2u, 125u, 126u, 4088u, 4089u, 65535u, 65536u, 300000u}) {
+    for (const std::size_t size : {1u, 2u, 125u, 126u, 4088u, 4089u, 65535u, 65536u}) {
       for (const bool binary : {false, true}) {
         const std::string data = RandomData(size);
         log.clear();

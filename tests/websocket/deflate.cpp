@@ -49,7 +49,7 @@ Bytes WithoutTail(Bytes bytes) {
 
 TEST(Deflate, ThereAndBackWithOneArchive) {
   cZipArchive archive;
-  for (const std::size_t size : {0u, 1u, 2u, 100u, 16384u, 16385u, 70000u, 3000000u}) {
+  for (const std::size_t size : {0u, 1u, 2u, 100u, 16384u, 16385u, 300000u}) {
     for (const unsigned range : {1u, 26u}) {
       const std::string text = RandomText(size, range);
       Bytes compressed;
