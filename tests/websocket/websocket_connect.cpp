@@ -1,0 +1,319 @@
+// Connecting, the handshake, redirects, closing, and what handlers may do meanwhile.
+#include "tests/websocket/websocket_fixture.h"
+#include "websocket/limits.h"
+
+namespace quenmark::test {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Not;
+
+class WebsocketConnect : public WebsocketFixture {};
+
+const std::string kBadAddress = "Invalid Connection Data or URL Parsing Error.";
+
+TEST_F(WebsocketConnect, BecomesOpen) {
+  EXPECT_EQ(socket->readyState(), 0);
+  EXPECT_EQ(socket->ChunkSize(), 4096);
+  EXPECT_FALSE(socket->UseCompression());
+  const std::string headers[] = {"X-One: 1", "X-Two: 2"};
+  socket->Connect("wss://host/p", " 444 ", " a ,b", "", headers);
+  EXPECT_EQ(socket->readyState(), 2);
+  EXPECT_EQ(socket->Status().text, "Connecting...");
+  EXPECT_EQ(wires.size(), 2u);
+  EXPECT_EQ(Wire().host, "host");
+  EXPECT_EQ(Wire().port, 444);
+  EXPECT_TRUE(Wire().tls);
+  EXPECT_EQ(Wire().features, 15u);
+  Wire().Raise([](auto& events) { events.OnResolve("192.0.2.1"); });
+  Wire().Establish();
+  const std::string request = Wire().TakeSent();
+  EXPECT_THAT(request, HasSubstr("Host: host\r\n"));
+  EXPECT_THAT(request, HasSubstr("\r\nX-One: 1\r\nX-Two: 2\r\nOrigin: https://host/p\r\n"));
+  EXPECT_THAT(request, HasSubstr("Sec-WebSocket-Protocol: a, b\r\n"));
+  EXPECT_THAT(request, Not(HasSubstr("xtensions")));
+  Wire().Deliver(Answer(request, "Sec-WebSocket-Protocol: b\r\n"));
+  EXPECT_THAT(log, ElementsAre("connect host 192.0.2.1 444"));
+  EXPECT_EQ(socket->readyState(), 1);
+  EXPECT_EQ(socket->Protocols(), "b");
+  EXPECT_EQ(socket->Status().text, "Connected!");
+}
+
+TEST_F(WebsocketConnect, EveryConnectionHasAKeyOfItsOwn) {
+  std::string keys[2];
+  for (std::string& key : keys) {
+    socket->Connect("ws://host/");
+    Wire().Establish();
+    const std::string request = Wire().TakeSent();
+    key = request.substr(request.find("Key: ") + 5, 24);
+  }
+  EXPECT_NE(keys[0], keys[1]);
+}
+
+TEST_F(WebsocketConnect, BadAddress) {
+  socket->Connect("ws://h", "8080", "p", "e");
+  EXPECT_THAT(log, ElementsAre("error 1011 " + kBadAddress));
+  EXPECT_EQ(socket->readyState(), 0);
+  EXPECT_EQ(socket->Protocols(), "");
+  EXPECT_EQ(socket->Status().text, "Error");
+  EXPECT_EQ(wires.size(), 1u);
+}
+
+TEST_F(WebsocketConnect, RefusedAtOnce) {
+  refuseConnects = true;
+  socket->Connect("ws://host/");
+  EXPECT_THAT(log, ElementsAre("error 1011 Unable to connect."));
+  EXPECT_EQ(socket->readyState(), 0);
+}
+
+TEST_F(WebsocketConnect, ReConnectKeepsWhatConnectWasGiven) {
+  const std::string headers[] = {"X-One: 1"};
+  socket->Connect("ws://host:8080/p?q=1", "", "proto", "", headers);
+  socket->ReConnect("wss://other/n");
+  EXPECT_EQ(Wire().host, "other");
+  EXPECT_EQ(Wire().port, 8080);
+  EXPECT_TRUE(Wire().tls);
+  Wire().Establish();
+  const std::string request = Wire().TakeSent();
+  EXPECT_THAT(request, HasSubstr("GET /n HTTP/1.1\r\nHost: other\r\n"));
+  EXPECT_THAT(request, HasSubstr("X-One: 1\r\nOrigin: https://other/n\r\n"));
+  EXPECT_THAT(request, HasSubstr("Sec-WebSocket-Protocol: proto\r\n"));
+  socket->ReConnect();
+  Wire().Establish();
+  EXPECT_THAT(Wire().TakeSent(), HasSubstr("GET /n HTTP/1.1\r\n"));
+  socket->ReConnect("http://x/y");
+  EXPECT_THAT(log, ElementsAre("error 1011 " + kBadAddress + " (http://x/y)"));
+  socket->ReConnect();
+  EXPECT_EQ(log.back(), "error 1011 Unable to connect.");
+}
+
+TEST_F(WebsocketConnect, RequestThatCannotBeSent) {
+  socket->Connect("ws://host/");
+  Wire().refusesSends = true;
+  Wire().Establish();
+  EXPECT_THAT(log, ElementsAre("error 1011 Couldnt send handshake to server."));
+  EXPECT_EQ(socket->readyState(), 3);
+}
+
+TEST_F(WebsocketConnect, CompressionIsOfferedAndMissed) {
+  socket->SetUseCompression(true);
+  socket->Connect("ws://host/", "", "", "x-foo");
+  Wire().Establish();
+  const std::string request = Wire().TakeSent();
+  EXPECT_THAT(request,
+              HasSubstr("Sec-Websocket-Extensions: x-foo, permessage-deflate; server_no_context_takeover\r\n"));
+  Wire().Deliver(Answer(request, "Sec-WebSocket-Extensions: x-foo\r\n"));
+  EXPECT_THAT(log,
+              ElementsAre("error 1010 The server does not support deflate compression. Data will be sent uncompressed.",
+                          "connect host  80"));
+  EXPECT_FALSE(socket->UseCompression());
+  EXPECT_EQ(socket->Extensions(), "x-foo");
+  socket->Send("hi");
+  EXPECT_THAT(Sent(), ElementsAre(SentFrame{0x81, "hi", ""}));
+}
+
+TEST_F(WebsocketConnect, AnswersThatFail) {
+  const std::string corrupted = "error 1007 Cannot connect! Incoming Header Data Corrupted. Please try again.";
+  const struct {
+    std::string answer;
+    std::vector<std::string> events;
+    std::int32_t state;
+    bool sendsClose;
+  } rows[] = {
+      {"HTTP/1.1 10", {corrupted}, 0, false},
+      {"HTTP/1.1 101 x\r\nUpgrade: websocket\r\n", {corrupted}, 0, false},
+      {"H", {}, 2, false},
+      {"nothing of HTTP\r\n\r\n", {}, 2, false},
+      {"no line end here\n\n", {"error 1007 Invalid Data was Received."}, 3, true},
+      {"HTTP/1.1 404 No\r\n\r\n", {"error 1002 404: Resource Not Found."}, 3, true},
+      {"HTTP/1.1 305 No\r\n\r\n",
+       {"close 1014 The server requires a proxy but the configuration is incorrect."},
+       3,
+       true},
+      {"HTTP/1.1 426 No\r\n\r\n", {"error 1002 The requested sub-protocol(s) are not supported."}, 3, true},
+      {"HTTP/1.1 302 No\r\nLocation: /a\r\n\r\n",
+       {"error 1014 A redirect by the server could not be processed."},
+       0,
+       false},
+      {"HTTP/1.1 101 x\r\n\r\n", {"error 1002 Invalid handshake recieved. Upgrade header not present."}, 0, false},
+      {"HTTP/1.1 101 x\r\nUpgrade: websocket\r\nConnection: Upgrade\r\nSec-WebSocket-Accept: no\r\n\r\n",
+       {"error 1002 The client-server secret key challenge failed."},
+       0,
+       false},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.answer);
+    socket->Connect("ws://host/");
+    Wire().Establish();
+    Wire().TakeSent();
+    log.clear();
+    Wire().Deliver(row.answer);
+    EXPECT_EQ(log, row.events);
+    EXPECT_EQ(socket->readyState(), row.state);
+    EXPECT_EQ(Sent(), std::vector<SentFrame>(row.sendsClose ? 1 : 0, SentFrame{0x88, "", ""}));
+    EXPECT_EQ(Wire().closed, row.state == 0);
+  }
+}
+
+TEST_F(WebsocketConnect, FramesBehindTheAnswerAreRead) {
+  socket->Connect("ws://host/");
+  Wire().Establish();
+  Wire().Deliver(Answer(Wire().TakeSent()) + ServerFrame(0x81, "first") + ServerFrame(0x88, "\x03\xE8"));
+  EXPECT_THAT(log, ElementsAre("connect host  80", "message 1 first", "close 1000 Normal Closure."));
+}
+
+TEST_F(WebsocketConnect, RedirectsAreFollowedTenTimes) {
+  socket->Connect("ws://host/");
+  for (int i = 0; i <= websocket::kMaxRedirects; ++i) {
+    Wire().Establish();
+    const auto old = wires.back();
+    old->Deliver(fmt::format("HTTP/1.1 302 Found\r\nLocation: https://h{}/n\r\n\r\n", i));
+    if (i == websocket::kMaxRedirects) break;
+    EXPECT_EQ(log.back(), fmt::format("reconnect wss://h{}/n", i));
+    EXPECT_EQ(socket->readyState(), 2);
+    EXPECT_EQ(Wire().host, fmt::format("h{}", i));
+    EXPECT_NE(old, wires.back());
+    EXPECT_THAT(old->calls, ElementsAre("Close_"));
+  }
+  EXPECT_EQ(log.size(), 11u);
+  EXPECT_EQ(log.back(), "error 1014 A redirect by the server could not be processed.");
+  EXPECT_EQ(socket->readyState(), 0);
+  socket->Connect("ws://host/");  // counts from the start again
+  Wire().Establish();
+  Wire().Deliver("HTTP/1.1 302 Found\r\nLocation: ws://again/n\r\n\r\n");
+  EXPECT_EQ(log.back(), "reconnect ws://again/n");
+}
+
+TEST_F(WebsocketConnect, SocketErrors) {
+  const struct {
+    std::int32_t mask;
+    std::string text;
+  } rows[] = {{1, "Recieve/Read"}, {2, "Send/Write"}, {4, "OOB Out-Of-Band"}, {8, "Accept"},
+              {16, "Connect"},     {32, "Close"},     {63, "Unknown/All"},    {32768, "Unknown (32768)"}};
+  for (const auto& row : rows) {
+    Open();
+    Wire().Raise([&](auto& events) { events.OnError(10061, row.mask); });
+    EXPECT_THAT(log, ElementsAre("error 1016 Event Type: " + row.text + " 10061:  Description: Connection refused."));
+    EXPECT_EQ(socket->readyState(), 3);
+    EXPECT_THAT(Sent(), ElementsAre(SentFrame{0x88, "", ""}));
+  }
+  Open();
+  Wire().closed = true;
+  Wire().Raise([](auto& events) { events.OnError(1, 16); });
+  EXPECT_EQ(socket->readyState(), 0);
+}
+
+// The error that sending the close frame raises does not start another one.
+TEST_F(WebsocketConnect, AnErrorWithinClosingClosesTheSocket) {
+  Open();
+  Wire().onSend = [this] { Wire().Raise([](auto& events) { events.OnError(10054, 2); }); };
+  socket->Disconnect();
+  EXPECT_EQ(log.size(), 1u);
+  EXPECT_EQ(socket->readyState(), 0);
+}
+
+TEST_F(WebsocketConnect, DisconnectTwice) {
+  Open();
+  socket->Disconnect();
+  EXPECT_EQ(socket->readyState(), 3);
+  EXPECT_FALSE(Wire().closed);
+  socket->Disconnect();
+  EXPECT_THAT(Sent(), ElementsAre(SentFrame{0x88, "", ""}, SentFrame{0x88, "", ""}));
+  EXPECT_THAT(Wire().calls, ElementsAre("Close_", "ShutDown", "CloseSocket"));
+  EXPECT_EQ(socket->readyState(), 0);
+  EXPECT_THAT(log, testing::IsEmpty());
+}
+
+TEST_F(WebsocketConnect, DisconnectOnAClosedEngine) {
+  Open();
+  Wire().closed = true;  // the socket is still there
+  socket->Disconnect();
+  EXPECT_THAT(log, ElementsAre("close 1000 Normal Closure."));
+  EXPECT_EQ(socket->readyState(), 0);
+}
+
+TEST_F(WebsocketConnect, ClosedByThePeerOrShutDown) {
+  Open();
+  Wire().Raise([](auto& events) { events.OnClose(); });
+  EXPECT_THAT(log, ElementsAre("close 1000 Normal Closure."));
+  EXPECT_EQ(socket->readyState(), 0);
+  Open("Sec-WebSocket-Protocol: p\r\n");
+  socket->ShutDown();
+  EXPECT_THAT(log, testing::IsEmpty());
+  EXPECT_EQ(Wire().TakeSent(), "");
+  EXPECT_TRUE(Wire().closed);
+  EXPECT_EQ(socket->Protocols(), "");
+}
+
+TEST_F(WebsocketConnect, ADisconnectWhileConnectingSendsNoRequest) {
+  socket->Connect("ws://host/");
+  socket->Disconnect();
+  Wire().Establish();
+  EXPECT_EQ(Wire().TakeSent(), "");
+}
+
+TEST_F(WebsocketConnect, AConnectInsideAHandlerIsNotClosedByWhatWasGoingOn) {
+  const std::function<void()> causes[] = {
+      [this] { Wire().Raise([](auto& events) { events.OnClose(); }); },
+      [this] { Wire().Raise([](auto& events) { events.OnError(10054, 1); }); },
+      [this] { Wire().Deliver(ServerFrame(0x88, "")); },
+      [this] { Wire().Deliver(ServerFrame(0x80, "") + "\x81\x01"); },
+      [this] { Wire().Deliver("\x81\x7F\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF"); },
+      [this] { socket->Connect("bad"); },
+  };
+  for (const auto& cause : causes) {
+    Open();
+    bool again = true;
+    onEvent = [&](const std::string&) {
+      if (std::exchange(again, false)) socket->Connect("ws://fresh/");
+    };
+    cause();
+    onEvent = nullptr;
+    EXPECT_FALSE(again);
+    EXPECT_EQ(socket->readyState(), 2);
+    EXPECT_EQ(Wire().host, "fresh");
+    EXPECT_EQ(Wire().TakeSent(), "");
+    EXPECT_THAT(Wire().calls, testing::IsEmpty());
+  }
+}
+
+TEST_F(WebsocketConnect, AHandlerMayDestroyTheComponent) {
+  const std::function<void()> causes[] = {
+      [this] { Wire().Raise([](auto& events) { events.OnClose(); }); },
+      [this] { Wire().Raise([](auto& events) { events.OnError(10054, 1); }); },
+      [this] {
+        Wire().Deliver({ServerFrame(0x81, "a") + ServerFrame(0x81, "b"), ServerFrame(0x81, "c")});
+      },
+      [this] { Wire().Deliver(ServerFrame(0x8A, "p") + ServerFrame(0x81, "b")); },
+      [this] { Wire().Deliver(ServerFrame(0x01, "a") + ServerFrame(0x8A, "p") + ServerFrame(0x80, "b")); },
+      [this] { socket->Send(std::string(10000, 'x')); },
+      [this] { socket->Connect("bad"); },
+      [this] { Wire().Deliver("\x81\x7F\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF"); },
+  };
+  for (const auto& cause : causes) {
+    Open();
+    const auto wire = wires.back();
+    onEvent = [&](const std::string&) { socket.reset(); };
+    cause();
+    onEvent = nullptr;
+    EXPECT_EQ(log.size(), 1u);
+    EXPECT_TRUE(wire->closed);
+    wire->Raise([](auto& events) { events.OnClose(); });
+    EXPECT_EQ(log.size(), 1u);
+    Make();
+  }
+}
+
+TEST_F(WebsocketConnect, ATransportThatWasLetGoIsNotHeard) {
+  Open();
+  const auto old = wires.back();
+  socket->Connect("ws://host/");
+  old->Raise([](auto& events) { events.OnClose(); });
+  old->Deliver(ServerFrame(0x81, "late"));
+  EXPECT_THAT(log, testing::IsEmpty());
+  EXPECT_EQ(socket->readyState(), 2);
+}
+
+}  // namespace
+}  // namespace quenmark::test

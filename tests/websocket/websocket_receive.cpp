@@ -1,0 +1,273 @@
+// Frames to events.
+#include "tests/websocket/websocket_fixture.h"
+#include "websocket/deflate.h"
+#include "websocket/limits.h"
+
+#include <random>
+
+namespace quenmark::test {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+class WebsocketReceive : public WebsocketFixture {
+ protected:
+  // A compressed payload as a server sends it.
+  static std::string Deflated(std::string_view text) {
+    websocket::cZipArchive archive;
+    websocket::Bytes out;
+    EXPECT_TRUE(CompressMessage(archive, {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()}, out));
+    return {out.begin(), out.end()};
+  }
+  void OpenCompressed() {
+    socket->SetUseCompression(true);
+    Open("Sec-WebSocket-Extensions: permessage-deflate; server_no_context_takeover\r\n");
+  }
+};
+
+const std::string kTooLarge = "error 1009 A Message was To Large or Corrupted.";
+
+struct Scenario {
+  const char* name;
+  std::string bytes;
+  std::vector<std::string> events;
+  std::vector<SentFrame> sent = {};
+  std::int32_t state = 1;
+};
+
+std::vector<Scenario> Scenarios() {
+  const std::string big(70000, 'b');
+  return {
+      {"text", ServerFrame(0x81, "h\xC3\xB6"), {"message 1 h\xC3\xB6"}},
+      {"malformed text", ServerFrame(0x81, "a\xFF"), {"message 1 a\xEF\xBF\xBD"}},
+      {"empty text", ServerFrame(0x81, ""), {"message 1 "}},
+      {"bytes", ServerFrame(0x82, "\xFF\x01"), {"message 2 \xFF\x01"}},
+      {"lengths",
+       ServerFrame(0x82, std::string(125, 'a')) + ServerFrame(0x82, std::string(126, 'a')) + ServerFrame(0x82, "x", 2) +
+           ServerFrame(0x82, "y", 8) + ServerFrame(0x82, big),
+       {"message 2 " + std::string(125, 'a'), "message 2 " + std::string(126, 'a'), "message 2 x", "message 2 y",
+        "message 2 " + big}},
+      {"other opcodes", ServerFrame(0x83, "\xC3") + ServerFrame(0xFF, "x"), {"message 3 \xC3", "message 15 x"}},
+      {"ping", ServerFrame(0x89, "data") + ServerFrame(0x89, ""), {}, {{0x8A, "data", ""}, {0x8A, "", ""}}},
+      {"pong", ServerFrame(0x8A, "\xC3\xBC") + ServerFrame(0x8A, ""), {"pong \xC3\xBC", "pong "}},
+      {"three fragments with control frames between them",
+       ServerFrame(0x01, "one ") + ServerFrame(0x00, "two ") + ServerFrame(0x89, "p1") + ServerFrame(0x89, "p2") +
+           ServerFrame(0x8A, "q") + ServerFrame(0x80, "three") + ServerFrame(0x81, "next"),
+       {"pong q", "message 1 one two three", "message 1 next"},
+       {{0x8A, "p1", ""}, {0x8A, "p2", ""}}},
+      {"a character cut by a fragment", ServerFrame(0x01, "\xC3") + ServerFrame(0x80, "\xBC"), {"message 1 \xC3\xBC"}},
+      {"a new message within another goes on with it",
+       ServerFrame(0x02, "a") + ServerFrame(0x81, "b") + ServerFrame(0x80, "c"),
+       {"message 2 abc"}},
+      {"a ping in fragments", ServerFrame(0x09, "a") + ServerFrame(0x80, "b"), {}, {{0x8A, "ab", ""}}},
+      {"close without a code", ServerFrame(0x88, ""), {"close 1000 Normal Closure."}, {}, 0},
+      {"close with one byte", ServerFrame(0x88, "\x03"), {"close 1000 Normal Closure."}, {}, 0},
+      {"close with a code", ServerFrame(0x88, "\x03\xE8"), {"close 1000 Normal Closure."}, {}, 0},
+      {"close with a reason",
+       ServerFrame(0x88,
+                   "\x03\xE9"
+                   "bye\x80"),
+       {"close 1001 bye\xE2\x82\xAC"},
+       {},
+       0},
+      {"close with a code above 32767",
+       ServerFrame(0x88, "\xFF\xFE"),
+       {"close -2 Error code not recognized. Means nothing to WebSocket Protocol."},
+       {},
+       0},
+      {"close within a message",
+       ServerFrame(0x01, "a") + ServerFrame(0x88, "\x03\xE8"),
+       {"close 1006 A Close frame was unexpectedly encountered while recieving data."},
+       {},
+       0},
+      {"nothing after a close", ServerFrame(0x88, "") + ServerFrame(0x81, "x"), {"close 1000 Normal Closure."}, {}, 0},
+      {"continuation of nothing",
+       ServerFrame(0x80, "x") + ServerFrame(0x81, "y"),
+       {"error 1002 Invalid opCode recieved. (0)"},
+       {{0x88, "", ""}},
+       3},
+      {"a masked frame", "\x81\x81KEYSx", {"error 1002 There was a Protocol Error."}, {}, 0},
+      {"2 GB", "\x82\x7F"s + std::string(4, '\0') + "\x7F\xFF\xFF\xFF", {kTooLarge}, {}, 0},
+      {"negative as 32 bits", "\x82\x7F"s + std::string(4, '\0') + "\xFF\xFF\xFF\xFF", {kTooLarge}, {}, 0},
+      {"more than 32 bits", "\x82\x7F"s + std::string(3, '\0') + "\x01" + std::string(4, '\0'), {kTooLarge}, {}, 0},
+      {"one byte above the limit", "\x82\x7F"s + std::string(4, '\0') + "\x04\x00\x00\x01"s, {kTooLarge}, {}, 0},
+      {"at the limit", "\x82\x7F"s + std::string(4, '\0') + "\x04\x00\x00\x00"s, {}, {}, 1},
+      {"fragments above the limit",
+       ServerFrame(0x02, "a") + "\x80\x7F"s + std::string(4, '\0') + "\x04\x00\x00\x00"s,
+       {kTooLarge},
+       {},
+       0},
+  };
+}
+
+TEST_F(WebsocketReceive, Whole) {
+  for (const Scenario& scenario : Scenarios()) {
+    SCOPED_TRACE(scenario.name);
+    Open();
+    Wire().Deliver(scenario.bytes);
+    EXPECT_EQ(log, scenario.events);
+    EXPECT_EQ(Sent(), scenario.sent);
+    EXPECT_EQ(socket->readyState(), scenario.state);
+  }
+}
+
+TEST_F(WebsocketReceive, ByteByByte) {
+  for (const Scenario& scenario : Scenarios()) {
+    SCOPED_TRACE(scenario.name);
+    Open();
+    const auto wire = wires.back();
+    for (const char byte : scenario.bytes) wire->Deliver(std::string(1, byte));
+    EXPECT_EQ(log, scenario.events);
+    EXPECT_EQ(DecodeClientFrames(wire->TakeSent()), scenario.sent);
+    EXPECT_EQ(socket->readyState(), scenario.state);
+  }
+}
+
+TEST_F(WebsocketReceive, CutAtEveryOffset) {
+  for (const Scenario& scenario : Scenarios()) {
+    if (scenario.bytes.size() > 1000) continue;
+    for (std::size_t cut = 0; cut <= scenario.bytes.size(); ++cut) {
+      SCOPED_TRACE(fmt::format("{} at {}", scenario.name, cut));
+      Open();
+      const auto wire = wires.back();
+      wire->Deliver(scenario.bytes.substr(0, cut));
+      wire->Deliver(scenario.bytes.substr(cut));
+      ASSERT_EQ(log, scenario.events);
+      ASSERT_EQ(DecodeClientFrames(wire->TakeSent()), scenario.sent);
+      ASSERT_EQ(socket->readyState(), scenario.state);
+    }
+  }
+}
+
+TEST_F(WebsocketReceive, AFirstFragmentWaits) {
+  Open();
+  Wire().Deliver(ServerFrame(0x01, "a"));
+  Wire().Deliver(ServerFrame(0x00, "b"));
+  EXPECT_THAT(log, IsEmpty());
+  Wire().Deliver(ServerFrame(0x80, ""));
+  EXPECT_THAT(log, ElementsAre("message 1 ab"));
+}
+
+TEST_F(WebsocketReceive, WhileClosingOnlyACloseFrameCounts) {
+  Open();
+  socket->Disconnect();
+  Wire().TakeSent();
+  Wire().Deliver(ServerFrame(0x81, "a") + ServerFrame(0x89, "p") + ServerFrame(0x02, "b") + ServerFrame(0x80, "c") +
+                 ServerFrame(0x88, "\x03\xE8"));
+  EXPECT_THAT(log, ElementsAre("close 1000 Normal Closure."));
+  EXPECT_EQ(Wire().TakeSent(), "");
+}
+
+TEST_F(WebsocketReceive, Compressed) {
+  OpenCompressed();
+  const std::string text(300, 'z');
+  const std::string payload = Deflated(text);
+  Wire().Deliver(ServerFrame(0xC1, payload) + ServerFrame(0xC2, payload + "\0\0\xFF\xFF"s) +
+                 ServerFrame(0x41, payload.substr(0, 3)) + ServerFrame(0x80, payload.substr(3)) +
+                 ServerFrame(0x81, "plain") + ServerFrame(0xC1, "") + ServerFrame(0xC3, "raw"));
+  EXPECT_THAT(log, ElementsAre("message 1 " + text, "message 2 " + text, "message 1 " + text, "message 1 plain",
+                               "message 1 ", "message 3 raw"));
+}
+
+TEST_F(WebsocketReceive, CompressedWithoutTheWishIsHandedOutAsItCame) {
+  Open("Sec-WebSocket-Extensions: permessage-deflate\r\n");
+  Wire().Deliver(ServerFrame(0xC2, "\xF2\x48"));
+  EXPECT_THAT(log, ElementsAre("message 2 \xF2\x48"));
+}
+
+TEST_F(WebsocketReceive, WhatDoesNotInflateEndsTheConnection) {
+  const std::string bomb = Deflated(std::string(websocket::kMaxInflatedMessage + 1, '\0'));
+  for (const std::string& payload : {"\xFF\xFF\xFF"s, bomb}) {
+    for (const bool fragmented : {false, true}) {
+      OpenCompressed();
+      Wire().Deliver(fragmented ? ServerFrame(0x41, payload) + ServerFrame(0x80, "") : ServerFrame(0xC1, payload));
+      EXPECT_THAT(log, ElementsAre("error 1011 Orvaline was unable to decompress incoming data."));
+      EXPECT_THAT(Sent(), ElementsAre(SentFrame{0x88, "", ""}));
+      EXPECT_EQ(socket->readyState(), 3);
+    }
+  }
+}
+
+TEST_F(WebsocketReceive, NestedReceivesKeepTheOrder) {
+  Open();
+  std::vector<bool> busy;
+  onEvent = [&](const std::string& line) {
+    busy.push_back(socket->isBusy());
+    if (line == "message 1 a") Wire().Deliver(ServerFrame(0x81, "c") + ServerFrame(0x01, "d"));
+    if (line == "message 1 c") Wire().Deliver(ServerFrame(0x80, "e"));
+  };
+  Wire().Deliver(ServerFrame(0x81, "a") + ServerFrame(0x81, "b"));
+  EXPECT_THAT(log, ElementsAre("message 1 a", "message 1 b", "message 1 c", "message 1 de"));
+  EXPECT_THAT(busy, ElementsAre(true, true, true, true));
+  EXPECT_FALSE(socket->isBusy());
+}
+
+TEST_F(WebsocketReceive, AtMostAMegabyteIsReadBeforeItIsLookedAt) {
+  Open();
+  const std::string frame = ServerFrame(0x82, std::string(1000, 'x'));
+  std::string stream;
+  while (stream.size() < 3 * websocket::kMaxReadPerPass) stream += frame;
+  std::size_t messages = 0;
+  const std::size_t readBefore = Wire().totalRead;
+  std::size_t readAtFirst = 0;
+  onEvent = [&](const std::string&) {
+    if (messages++ == 0) readAtFirst = Wire().totalRead - readBefore;
+    log.clear();
+  };
+  Wire().Deliver(stream);
+  EXPECT_EQ(readAtFirst, websocket::kMaxReadPerPass);
+  EXPECT_EQ(messages, stream.size() / frame.size());
+}
+
+TEST_F(WebsocketReceive, ALongReadLetsTheLoopRun) {
+  Open();
+  int pumped = 0;
+  const platform::WindowId window = loop.CreateHiddenWindow("other", [&](const platform::Message&) { ++pumped; });
+  std::vector<int> seen;
+  Wire().onRead = [&] {
+    clock.Advance(std::chrono::milliseconds(1500));
+    loop.Post({window, platform::kMessageUser, 0, 0});
+    seen.push_back(pumped);
+  };
+  Wire().Deliver({"\x82\x05", "ab", "cd", "e"});
+  EXPECT_THAT(seen, ElementsAre(0, 0, 2, 2));
+  EXPECT_THAT(log, ElementsAre("message 2 abcde"));
+}
+
+// Random traffic in random pieces, against what was meant.
+TEST_F(WebsocketReceive, RandomStreams) {
+  std::mt19937 random(11);
+  for (int round = 0; round < 30; ++round) {
+    OpenCompressed();
+    std::string stream;
+    std::vector<std::string> expected;
+    std::vector<SentFrame> pongs;
+    for (int message = 0; message < 20; ++message) {
+      const std::string text(random() % (random() % 4 == 0 ? 70000 : 300), static_cast<char>('a' + random() % 26));
+      const bool compressed = random() % 2 == 0;
+      std::string payload = compressed ? Deflated(text) : text;
+      int first = (random() % 2 == 0 ? 1 : 2) | (compressed ? 0x40 : 0);
+      expected.push_back(fmt::format("message {} {}", first & 0xF, text));
+      while (payload.size() > 1 && random() % 3 != 0) {
+        const std::size_t cut = random() % payload.size();
+        stream += ServerFrame(std::exchange(first, 0), payload.substr(0, cut));
+        payload.erase(0, cut);
+        for (; random() % 3 == 0; pongs.push_back({0x8A, "ping", ""})) stream += ServerFrame(0x89, "ping");
+      }
+      stream += ServerFrame(0x80 | first, payload);
+    }
+    std::vector<std::string> pieces;
+    for (std::size_t at = 0; at < stream.size();) {
+      const std::size_t size = 1 + random() % (random() % 2 == 0 ? 10 : 100000);
+      pieces.push_back(stream.substr(at, size));
+      at += size;
+    }
+    for (const std::string& piece : pieces) Wire().Deliver(piece);
+    ASSERT_EQ(log, expected);
+    ASSERT_EQ(Sent(), pongs);
+  }
+}
+
+}  // namespace
+}  // namespace quenmark::test

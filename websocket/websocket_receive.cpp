@@ -1,0 +1,211 @@
+// Received bytes to messages.
+//
+// A frame is taken out of the buffer before anything is done about it, and no view into the buffer is kept across an
+// event: handlers may receive more, close, or begin another connection. The pass looks at the state anew for every
+// frame.
+#include "platform/code_page.h"
+#include "websocket/limits.h"
+#include "websocket/message_text.h"
+#include "websocket/websocket_state.h"
+
+#include <algorithm>
+#include <chrono>
+
+namespace quenmark::websocket {
+
+namespace {
+
+constexpr std::chrono::milliseconds kPumpInterval{2000};
+constexpr std::string_view kWrongState = "Data Received, but websocket state is invalid for receiving data.";
+
+void AppendBytes(std::string& text, BytesView bytes) {
+  text.append(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+}
+
+BytesView AsBytes(std::string_view text) {
+  return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
+}
+
+}  // namespace
+
+void WebsocketState::OnTransportReceive() {
+  const BusyMark mark(busy);
+  const auto transport = m_transport;
+  const std::uint64_t connection = m_connection;
+  auto pumped = m_loop.TheClock().Monotonic();
+  std::size_t room = kMaxReadPerPass;
+  while (room > 0 && m_received.Size() < kMaxReceiveBuffer) {
+    if (transport->AvailableBytes() < 1) break;
+    const std::size_t before = m_received.Size();
+    if (!transport->Receive(m_received, room)) break;
+    room -= std::min(room, m_received.Size() - before);
+    if (const auto now = m_loop.TheClock().Monotonic(); now - pumped > kPumpInterval) {
+      pumped = now;
+      m_loop.RunQueued();
+      if (m_dropped || m_connection != connection) return;
+    }
+  }
+  ReceivePass();
+}
+
+void WebsocketState::ForgetReceived() {
+  m_received.Clear();
+  m_assembly = Assembly();
+}
+
+void WebsocketState::ReceivePass() {
+  while (m_received.Size() >= 2) {
+    switch (readyState) {
+      case kStateConnecting:
+        if (!CollectAndValidate()) return;
+        break;
+      case kStateOpen:
+      case kStateClosing:
+        if (!TakeFrame()) return;
+        break;
+      default:
+        ForgetReceived();
+        RaiseError(kInvalidData, std::string(kWrongState));
+        return;
+    }
+  }
+}
+
+// One frame, or one step of a message in fragments. False when the pass is over.
+bool WebsocketState::TakeFrame() {
+  const BytesView bytes = m_received.Unread();
+  if (!HeaderAvailable(bytes)) return false;
+  const FrameHeader header = ParseHeader(bytes);
+  if (RefuseHeader(header)) return false;
+  const std::size_t end = header.dataOffset + static_cast<std::size_t>(header.payloadLength);
+  if (m_assembly.active) return TakeFragment(header, end);
+  if (end > bytes.size()) return false;
+  if (!header.fin || header.opcode == kContinuation) return BeginMessage(header, end);
+  return TakeWholeFrame(header, end);
+}
+
+// Refuses what must not be waited for: a length above the limit, and a masked frame, which a server must not send
+// (RFC 6455 §5.1).
+bool WebsocketState::RefuseHeader(const FrameHeader& header) {
+  const std::size_t held = m_assembly.payload.size();
+  const bool isControl = header.opcode >= kClose && header.opcode <= kPong;
+  const bool tooLong = header.payloadLength > kMaxMessage || (!isControl && header.payloadLength > kMaxMessage - held);
+  if (!tooLong && !header.masked) return false;
+  const std::int32_t code = tooLong ? kMessageTooBig : kProtocolError;
+  readyState = kStateClosing;
+  if (RaiseError(code, CodeText(code))) CloseSocket();
+  return true;
+}
+
+bool WebsocketState::TakeWholeFrame(const FrameHeader& header, std::size_t end) {
+  if (readyState == kStateClosing && header.opcode != kClose) {
+    m_received.Consume(end);
+    return true;
+  }
+  std::string data = std::exchange(m_spareMessage, {});
+  const BytesView payload = m_received.Unread().subspan(header.dataOffset, end - header.dataOffset);
+  const bool isMessage = header.opcode == kText || header.opcode == kBinary;
+  const bool read = ReadMessage(payload, isMessage && header.rsv1, data);
+  m_received.Consume(end);
+  return read ? Dispatch(header.opcode, std::move(data)) : FailDelivery();
+}
+
+// The payload as it is to be delivered. False when it does not inflate.
+bool WebsocketState::ReadMessage(BytesView payload, bool rsv1, std::string& data) {
+  data.clear();
+  if (rsv1 && useCompression) return m_compressor && DecompressMessage(*m_compressor, payload, data);
+  AppendBytes(data, payload);
+  return true;
+}
+
+// The first frame of a message in fragments. It counts once two bytes follow it.
+bool WebsocketState::BeginMessage(const FrameHeader& header, std::size_t end) {
+  const BytesView bytes = m_received.Unread();
+  if (bytes.size() < end + 2) return false;
+  m_assembly.active = true;
+  m_assembly.opcode = header.opcode;
+  m_assembly.rsv1 = header.rsv1;
+  AppendBytes(m_assembly.payload, bytes.subspan(header.dataOffset, end - header.dataOffset));
+  m_received.Consume(end);
+  return header.fin ? FinishMessage() : true;
+}
+
+bool WebsocketState::TakeFragment(const FrameHeader& header, std::size_t end) {
+  if (header.opcode == kClose) {
+    if (RaiseClose(kAbnormalClosure, "A Close frame was unexpectedly encountered while recieving data.")) CloseSocket();
+    return false;
+  }
+  const BytesView bytes = m_received.Unread();
+  if (end > bytes.size()) return false;
+  if (header.opcode == kPing || header.opcode == kPong) return TakeInterleaved(header, end);
+  AppendBytes(m_assembly.payload, bytes.subspan(header.dataOffset, end - header.dataOffset));
+  m_received.Consume(end);
+  return header.fin && header.opcode == kContinuation ? FinishMessage() : true;
+}
+
+bool WebsocketState::TakeInterleaved(const FrameHeader& header, std::size_t end) {
+  std::string data;
+  AppendBytes(data, m_received.Unread().subspan(header.dataOffset, end - header.dataOffset));
+  m_received.Consume(end);
+  return Dispatch(header.opcode, std::move(data));
+}
+
+bool WebsocketState::FinishMessage() {
+  Assembly message = std::exchange(m_assembly, Assembly());
+  if (readyState == kStateClosing && message.opcode != kClose) return true;
+  const bool isMessage = message.opcode == kText || message.opcode == kBinary;
+  if (isMessage && message.rsv1 && useCompression) {
+    std::string data;
+    if (!ReadMessage(AsBytes(message.payload), true, data)) return FailDelivery();
+    message.payload = std::move(data);
+  }
+  return Dispatch(message.opcode, std::move(message.payload));
+}
+
+bool WebsocketState::FailDelivery() {
+  if (!RaiseError(kInternalError, "Orvaline was unable to decompress incoming data.")) return true;
+  readyState = kStateClosing;
+  Disconnect();
+  return true;
+}
+
+bool WebsocketState::Dispatch(std::uint8_t opcode, std::string data) {
+  switch (opcode) {
+    case kContinuation:
+      readyState = kStateClosing;
+      if (RaiseError(kProtocolError, "Invalid opCode recieved. (0)")) Disconnect();
+      return false;
+    case kClose:
+      return HandleClose(data);
+    case kPing:
+      SendFrame(kFin | kPong, AsBytes(data));
+      break;
+    case kPong:
+      RepairUtf8(data);
+      Raise(m_events.OnPong, data);
+      break;
+    case kText:
+      RepairUtf8(data);
+      [[fallthrough]];
+    default:
+      Raise(m_events.OnMessage, MessageData(data), std::int32_t{opcode});
+  }
+  if (data.capacity() > m_spareMessage.capacity() && data.capacity() <= kKeptBuffer) m_spareMessage = std::move(data);
+  return true;
+}
+
+// The reason is text of one byte per character. No close frame is sent back.
+bool WebsocketState::HandleClose(const std::string& payload) {
+  std::int32_t code = kNormalClosure;
+  std::string reason;
+  if (payload.size() >= 2) {
+    const BytesView bytes = AsBytes(payload);
+    code = static_cast<std::int16_t>(static_cast<std::uint16_t>(bytes[0] << 8 | bytes[1]));
+    reason = platform::FromWindows1252(std::string_view(payload).substr(2));
+  }
+  if (reason.empty()) reason = CodeText(code);
+  if (RaiseClose(code, reason)) CloseSocket();
+  return false;
+}
+
+}  // namespace quenmark::websocket
