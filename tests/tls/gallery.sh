@@ -64,8 +64,10 @@ issue too-deep length-zero "$ca"
 issue under-too-deep too-deep "$good"
 issue constrained root "$ca\nnameConstraints=critical,permitted;DNS:allowed.test"
 issue outside constrained "$good"
-issue md5 middle "$good" 3650 md5
-issue sha1 middle "$good" 3650 sha1
+key rsa-middle 2048
+issue rsa-middle root "$ca"
+issue md5 rsa-middle "$good" 3650 md5
+issue sha1 rsa-middle "$good" 3650 sha1
 key rsa512 512
 issue rsa512 middle "$good"
 
@@ -101,6 +103,3 @@ printf "\\$(printf '%03o' $((last ^ 1)))" >>forged.new
 openssl x509 -inform DER -in forged.new -out forged.pem
 
 cat good.pem middle.pem >bundle.pem
-openssl pkcs12 -export -in good.pem -inkey good.key -certfile middle.pem -passout pass:secret -out good.p12 >>log 2>&1
-openssl pkcs12 -export -legacy -in good.pem -inkey good.key -certfile middle.pem -passout pass:secret \
-  -out legacy.p12 >>log 2>&1
