@@ -144,6 +144,8 @@ int NoteVerdict(int ok, X509_STORE_CTX* context) {
 std::uint32_t BitOf(const Verdict& verdict) {
   // The library's word for two faults: no authority, or one whose key usage forbids signing certificates.
   if (verdict.code == X509_V_ERR_INVALID_CA && verdict.authority) return kUsage;
+  // An issuer that is no authority has no purpose either.
+  if (verdict.code == X509_V_ERR_INVALID_PURPOSE && verdict.depth > 0 && !verdict.authority) return kBasicConstraints;
   const auto* found = std::find_if(std::begin(kVerdictBits), std::end(kVerdictBits),
                                    [&](const VerdictBit& entry) { return entry.verdict == verdict.code; });
   return found != std::end(kVerdictBits) ? found->bit : kExtension;

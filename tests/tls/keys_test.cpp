@@ -144,9 +144,8 @@ TEST_F(KeysTest, SelfSignedCertificateHasSubjectKeyAndYear) {
   Put("self.der", std::string(m_identity.certificates.at(0).begin(), m_identity.certificates.at(0).end()));
   test::ChildProcess tool("openssl", {"x509", "-inform", "DER", "-in", m_folder.File("self.der"), "-noout", "-text"});
   const std::string text = tool.ReadAll();
-  for (const char* part :
-       {"CN = desk.example.test, OU = EX\\\"AMPLE\\\\trader, O = Sockwell Self-Signed Certificate",
-        "sha256WithRSAEncryption", "(1024 bit)", "Nov 14 22:13:20 2023", "Nov 13 22:13:20 2024"}) {
+  for (const char* part : {"CN = desk.example.test, OU = EX\\\"AMPLE\\\\trader, O = Sockwell Self-Signed Certificate",
+                           "sha256WithRSAEncryption", "(1024 bit)", "Nov 14 22:13:20 2023", "Nov 13 22:13:20 2024"}) {
     EXPECT_NE(text.find(part), std::string::npos) << part << "\n" << text;
   }
   const auto key = PrivateKey::Decode(m_identity.privateKey);
