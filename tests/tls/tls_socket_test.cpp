@@ -1,0 +1,665 @@
+#include "tls/tls_socket.h"
+
+#include "platform/winsock_errors.h"
+#include "tests/support/child_process.h"
+#include "tests/support/plain_socket.h"
+#include "tests/support/temporary_folder.h"
+#include "tests/tls/peers.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+
+#include <fstream>
+
+namespace quenmark::test {
+namespace {
+
+using tls::cTlsSocket;
+using tls::kFeatureIgnoreCertificateErrors;
+using Events = std::vector<std::string>;
+
+tls::BytesView View(std::string_view text) {
+  return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
+}
+std::string Text(const tls::Bytes& bytes) {
+  return {bytes.begin(), bytes.end()};
+}
+
+// Accepts what the test says, and notes what it was asked.
+struct Judge final : tls::CertificateServices {
+  bool valid = true;
+  std::string host;
+  std::size_t chainLength = 0;
+  bool withRoots = false;
+  bool revocation = false;
+  int asked = 0;
+  std::function<void()> meanwhile;
+
+  bool ValidateChain(const tls::ChainRequest& request, tls::CertificateError& error) override {
+    ++asked;
+    host = request.remoteHostName;
+    chainLength = request.chain->size();
+    withRoots = request.rootStore != nullptr;
+    revocation = request.checkRevocation;
+    if (meanwhile) meanwhile();
+    if (!valid) error = {tls::kEngineError, "The certificate has expired", "elsewhere"};
+    return valid;
+  }
+  static bool Give(tls::Identity& identity) {
+    const Identity& own = IdentityOf(KeyKind::kP256);
+    identity = {{own.certificate}, {own.privateKey.begin(), own.privateKey.end()}};
+    return true;
+  }
+  bool ImportPem(std::string_view files, tls::Identity& identity, tls::CertificateError& error) override {
+    if (files == "good.pem") return Give(identity);
+    error = {53, "File not found", "cTlsSocket.PkiPemImportCertificates"};
+    return false;
+  }
+  bool ImportPkcs12(std::string_view, std::string_view, tls::Identity& identity, tls::CertificateError&) override {
+    return Give(identity);
+  }
+  bool ImportRoots(std::string_view, std::shared_ptr<const tls::RootStore>& store, tls::CertificateError&) override {
+    store = std::make_shared<tls::RootStore>();
+    return true;
+  }
+  bool MakeSelfSigned(std::string_view, tls::Identity& identity, tls::CertificateError&) override {
+    return Give(identity);
+  }
+};
+
+// Writes events down as "OnConnect", "OnError number mask"…, and then runs what the test set for it.
+struct Owner final : tls::TlsSocketEvents {
+  Events events;
+  std::string received;
+  bool notify = false;
+  bool reads = true;
+  std::int32_t cancel = 0;
+  std::function<void(cTlsSocket&, const std::string&)> act;
+  std::function<bool(cTlsSocket&)> certificate;
+
+  void Note(cTlsSocket& socket, std::string event) {
+    events.push_back(event);
+    if (act) act(socket, event);
+  }
+  void OnResolve(cTlsSocket& socket, std::string_view address) override {
+    Note(socket, fmt::format("OnResolve {}", address));
+  }
+  void OnAccept(cTlsSocket& socket) override { Note(socket, "OnAccept"); }
+  void OnClose(cTlsSocket& socket) override { Note(socket, fmt::format("OnClose {}", socket.LastError().number)); }
+  void OnConnect(cTlsSocket& socket) override { Note(socket, "OnConnect"); }
+  void OnReceive(cTlsSocket& socket) override {
+    if (reads) {
+      tls::Bytes data;
+      EXPECT_TRUE(socket.ReceiveArray(data));
+      received += Text(data);
+    }
+    Note(socket, "OnReceive");
+  }
+  void OnSend(cTlsSocket& socket) override { Note(socket, "OnSend"); }
+  void OnError(cTlsSocket& socket, std::int32_t number, std::int32_t mask) override {
+    EXPECT_EQ(socket.LastError().number, number);
+    Note(socket, fmt::format("OnError {:X} {}", static_cast<std::uint32_t>(number), mask));
+  }
+  void BeforeNotify(cTlsSocket& socket, std::int32_t mask, bool& handled) override {
+    handled = (cancel & mask) != 0;
+    if (notify) Note(socket, fmt::format("Before {}", mask));
+  }
+  void AfterNotify(cTlsSocket& socket, std::int32_t mask) override {
+    if (notify) Note(socket, fmt::format("After {}", mask));
+  }
+  void OnClientCertificate(cTlsSocket& socket, const std::vector<tls::Bytes>&, bool& confirmed) override {
+    Note(socket, "OnClientCertificate");
+    confirmed = certificate && certificate(socket);
+  }
+  bool Saw(std::string_view event) const { return std::count(events.begin(), events.end(), event) > 0; }
+};
+
+// libssl behind a plain descriptor, moved on by a timer of the loop.
+struct WirePeer {
+  explicit WirePeer(const PeerOptions& options) : ssl(options) {}
+
+  void Pump() {
+    if (descriptor < 0) return;
+    tls::Bytes part(65536);
+    for (ssize_t count = 0; !holdsBack && (count = recv(descriptor, part.data(), part.size(), MSG_DONTWAIT)) >= 0;) {
+      atEnd |= count == 0;
+      if (count == 0) break;
+      ssl.Feed(tls::BytesView(part).first(static_cast<std::size_t>(count)));
+    }
+    ssl.Run();
+    Flush();
+  }
+  void Flush() {
+    const tls::Bytes output = ssl.TakeOutput();
+    if (!output.empty()) PlainSend(descriptor, {reinterpret_cast<const char*>(output.data()), output.size()});
+  }
+  void Send(std::string_view text) {
+    ssl.Send(View(text));
+    Flush();
+  }
+  void CloseNotify() {
+    SSL_shutdown(ssl.Handle());
+    Flush();
+  }
+
+  LibsslPeer ssl;
+  Descriptor descriptor;
+  bool holdsBack = false;  // reads nothing
+  bool atEnd = false;
+};
+
+class TlsSocketTest : public testing::TestWithParam<int> {
+ protected:
+  using milliseconds = std::chrono::milliseconds;
+
+  TlsSocketTest() { m_pump.SetEnabled(true); }
+
+  std::shared_ptr<cTlsSocket> NewSocket() {
+    auto socket = cTlsSocket::New(m_loop, m_judge);
+    socket->SetEvents(m_owner);
+    return socket;
+  }
+  bool Wait(const std::function<bool()>& done) {
+    return m_loop.WaitUntil(done, m_clock.Monotonic() + std::chrono::seconds{20});
+  }
+  bool WaitFor(std::string_view event) {
+    return Wait([&] { return m_owner->Saw(event); });
+  }
+  // Lets everything that is on its way arrive.
+  void Settle() { m_loop.Sleep(milliseconds{10}); }
+
+  PeerOptions ServerOptions() const {
+    return {.server = true, .identity = &IdentityOf(KeyKind::kP256), .version = GetParam()};
+  }
+  // A listening libssl server that answers the one connection made to it.
+  int Serve(const PeerOptions& options) {
+    m_listener = Descriptor(PlainListener());
+    fcntl(m_listener, F_SETFL, O_NONBLOCK);
+    m_peer = std::make_unique<WirePeer>(options);
+    return PortOf(m_listener);
+  }
+  void Pump() {
+    if (m_peer == nullptr) return;
+    if (m_peer->descriptor < 0 && m_listener >= 0) {
+      const int accepted = accept4(m_listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+      if (accepted >= 0) m_peer->descriptor = Descriptor(accepted);
+    }
+    m_peer->Pump();
+  }
+  // A client that is connected, its events so far forgotten.
+  void ConnectPair(std::uint32_t features = 0) {
+    const int port = Serve(ServerOptions());
+    m_socket = NewSocket();
+    ASSERT_TRUE(m_socket->Connect("127.0.0.1", port, true, features));
+    ASSERT_TRUE(WaitFor("OnSend")) << m_socket->LastError().description;
+    ASSERT_TRUE(Wait([&] { return m_peer->ssl.Ready(); }));
+    m_owner->events.clear();
+  }
+  std::string PeerText() const { return Text(m_peer->ssl.plaintext); }
+
+  platform::SystemClock m_clock;
+  platform::MessageLoop m_loop{m_clock};
+  std::shared_ptr<Judge> m_judge = std::make_shared<Judge>();
+  std::shared_ptr<Owner> m_owner = std::make_shared<Owner>();
+  Descriptor m_listener;
+  std::unique_ptr<WirePeer> m_peer;
+  std::shared_ptr<cTlsSocket> m_socket;
+  platform::Timer m_pump{m_loop, milliseconds{1}, [this] { Pump(); }};
+};
+
+INSTANTIATE_TEST_SUITE_P(Versions, TlsSocketTest, testing::Values(TLS1_2_VERSION, TLS1_3_VERSION),
+                         [](const auto& version) { return version.param == TLS1_2_VERSION ? "Tls12" : "Tls13"; });
+
+// --- Client ----------------------------------------------------------------------------------------------------------
+
+TEST_P(TlsSocketTest, EventsOfAConnectionInOrder) {
+  PeerOptions options = ServerOptions();
+  options.alpn = "two";
+  const int port = Serve(options);
+  m_owner->notify = true;
+  m_owner->act = [](cTlsSocket& socket, const std::string& event) {
+    if (event == "Before 16") socket.SendText("early ");
+    if (event == "OnConnect") socket.SendText("late");
+  };
+  m_socket = NewSocket();
+  EXPECT_TRUE(m_socket->IsClosed());
+  ASSERT_TRUE(m_socket->Connect("localhost", port, true, 0, {}, "one|two"));
+  ASSERT_TRUE(WaitFor("After 2"));
+  EXPECT_EQ(m_owner->events,
+            (Events{"OnResolve 127.0.0.1", "Before 16", "OnConnect", "After 16", "Before 2", "OnSend", "After 2"}));
+  EXPECT_FALSE(m_socket->IsClosed());
+  EXPECT_EQ(m_socket->LocalFeatures(), 15u);
+  EXPECT_EQ(m_socket->AlpnNegotiated(), "two");
+  EXPECT_EQ(m_socket->RemoteCertificates(), std::vector<tls::Bytes>(1, IdentityOf(KeyKind::kP256).certificate));
+  EXPECT_EQ(m_judge->host, "localhost");
+  EXPECT_FALSE(m_judge->revocation);
+  ASSERT_TRUE(Wait([&] { return PeerText() == "early late"; }));
+  EXPECT_EQ(m_socket->LastSendBytes(), 10);
+  m_owner->events.clear();
+  m_peer->Send("answer");
+  ASSERT_TRUE(WaitFor("After 1"));
+  EXPECT_EQ(m_owner->events, (Events{"Before 1", "OnReceive", "After 1"}));
+  EXPECT_EQ(m_owner->received, "answer");
+}
+
+TEST_P(TlsSocketTest, FeaturesAreCompletedOnlyWithoutAVersion) {
+  const std::pair<std::uint32_t, std::uint32_t> kCases[] = {{0, 15}, {4, 4}, {8, 8}, {12, 12}, {48, 63}, {1, 1}};
+  for (const auto& [given, used] : kCases) {
+    Serve(ServerOptions());
+    m_socket = NewSocket();
+    Descriptor client(PlainConnect(PortOf(m_listener)));
+    ASSERT_TRUE(m_socket->Attach(client.Release()));
+    m_socket->StartTls("localhost", given);
+    EXPECT_EQ(m_socket->LocalFeatures(), used);
+  }
+}
+
+TEST_P(TlsSocketTest, DataGivenBeforeTheHandshakeEndsGoesOutBehindIt) {
+  Serve(ServerOptions());
+  Descriptor client(PlainConnect(PortOf(m_listener)));
+  m_socket = NewSocket();
+  ASSERT_TRUE(m_socket->Attach(client.Release()));
+  EXPECT_FALSE(m_socket->UseTls());
+  ASSERT_TRUE(m_socket->StartTls("localhost"));
+  EXPECT_FALSE(m_socket->StartTls("localhost"));
+  EXPECT_EQ(m_socket->LastError().number, platform::kWsaAlready);
+  const tls::Bytes first = Pattern(40'000);
+  ASSERT_TRUE(m_socket->SendArray(first));
+  EXPECT_EQ(m_socket->Send(View("tail")), 4);
+  EXPECT_EQ(m_socket->LastSendBytes(), 0);
+  ASSERT_TRUE(Wait([&] { return m_peer->ssl.plaintext.size() == first.size() + 4; }));
+  EXPECT_EQ(PeerText(), Text(first) + "tail");
+  EXPECT_EQ(m_socket->LastSendBytes(), 40'004);
+  EXPECT_EQ(m_owner->events.front(), "OnConnect");
+}
+
+TEST_P(TlsSocketTest, FailedValidationClosesBeforeItIsTold) {
+  m_judge->valid = false;
+  const int port = Serve(ServerOptions());
+  m_owner->act = [](cTlsSocket& socket, const std::string& event) {
+    if (event.starts_with("OnError")) {
+      EXPECT_TRUE(socket.IsClosed());
+      EXPECT_FALSE(socket.SendText("secret"));
+      EXPECT_EQ(socket.LastError().description, "The certificate has expired");
+      EXPECT_EQ(socket.LastError().source, "cTlsSocket.pvOnReceive\r\ncTlsSocket.pvPkiCertChainValidate");
+    }
+  };
+  m_socket = NewSocket();
+  ASSERT_TRUE(m_socket->Connect("127.0.0.1", port, true, tls::kFeatureCheckRevocation));
+  ASSERT_TRUE(Wait([&] { return m_socket->Engine().state == tls::State::kExpectServerHello; }));
+  EXPECT_TRUE(m_socket->SendText("secret"));
+  ASSERT_TRUE(WaitFor("OnError 80040000 1"));
+  EXPECT_TRUE(m_judge->revocation);
+  ASSERT_TRUE(Wait([&] { return m_peer->ssl.Ready(); }));
+  m_peer->Send("more");  // nothing of it is handed out
+  Settle();
+  m_peer->descriptor.Close();
+  ASSERT_TRUE(Wait([&] { return m_owner->events.size() > 1; }));
+  EXPECT_THAT(m_owner->events[1], testing::StartsWith("OnClose"));
+  EXPECT_EQ(m_owner->received, "");
+  EXPECT_EQ(PeerText(), "");
+}
+
+TEST_P(TlsSocketTest, ValidationIsAskedOnlyWhereItIsSwitchedOn) {
+  m_judge->valid = false;
+  ConnectPair(kFeatureIgnoreCertificateErrors);
+  EXPECT_EQ(m_judge->asked, 0);
+  EXPECT_EQ(m_socket->LocalFeatures(), 31u);
+
+  m_judge->valid = true;
+  ASSERT_TRUE(m_socket->PkiPemImportRootCaCertStore("roots.pem"));
+  m_socket->Socket()->Close_();
+  m_peer = std::make_unique<WirePeer>(ServerOptions());
+  ASSERT_TRUE(m_socket->Connect("127.0.0.1", PortOf(m_listener)));  // again, with the same object
+  ASSERT_TRUE(WaitFor("OnConnect")) << m_socket->LastError().description;
+  EXPECT_TRUE(m_judge->withRoots);
+}
+
+TEST_P(TlsSocketTest, CloseNotifyComesBehindTheData) {
+  ConnectPair();
+  m_owner->notify = true;
+  m_peer->ssl.Send(View("last words"));
+  m_peer->CloseNotify();
+  m_peer->descriptor.Close();
+  ASSERT_TRUE(WaitFor("After 32"));
+  Settle();
+  EXPECT_EQ(m_owner->events, (Events{"Before 1", "OnReceive", "After 1", "Before 32", "OnClose 0", "After 32"}));
+  EXPECT_EQ(m_owner->received, "last words");
+  EXPECT_TRUE(m_socket->IsClosed());
+  EXPECT_TRUE(m_socket->PeerClosedCleanly());
+  EXPECT_GE(m_socket->SocketHandle(), 0);
+  tls::Bytes data;
+  EXPECT_FALSE(m_socket->ReceiveArray(data));
+  EXPECT_EQ(m_socket->LastError().number, platform::kWsaNotConnected);
+}
+
+TEST_P(TlsSocketTest, EndWithoutCloseNotifyAndWithinARecord) {
+  for (const bool halfRecord : {false, true}) {
+    ConnectPair();
+    m_peer->ssl.Send(View("all of this"));
+    m_peer->Flush();
+    if (halfRecord) {
+      m_peer->ssl.Send(View("cut off"));
+      const tls::Bytes record = m_peer->ssl.TakeOutput();
+      PlainSend(m_peer->descriptor, {reinterpret_cast<const char*>(record.data()), record.size() - 1});
+    }
+    m_peer->descriptor.Close();
+    ASSERT_TRUE(WaitFor("OnClose 0"));
+    EXPECT_EQ(m_owner->events, (Events{"OnReceive", "OnClose 0"}));
+    EXPECT_EQ(std::exchange(m_owner->received, {}), "all of this");
+    EXPECT_FALSE(m_socket->PeerClosedCleanly());
+    m_owner->events.clear();
+  }
+}
+
+TEST_P(TlsSocketTest, DamagedRecordIsAnErrorBehindWhatWasGood) {
+  ConnectPair();
+  m_peer->ssl.Send(View("good"));
+  m_peer->ssl.Send(View("bad"));
+  tls::Bytes records = m_peer->ssl.TakeOutput();
+  records.back() ^= 1;
+  PlainSend(m_peer->descriptor, {reinterpret_cast<const char*>(records.data()), records.size()});
+  ASSERT_TRUE(WaitFor("OnError 80040000 1"));
+  EXPECT_EQ(m_owner->events, (Events{"OnReceive", "OnError 80040000 1"}));
+  EXPECT_EQ(m_owner->received, "good");
+  EXPECT_TRUE(m_socket->IsClosed());
+  ASSERT_TRUE(Wait([&] { return m_peer->ssl.failed; }));  // the alert
+  EXPECT_THAT(m_peer->ssl.Error(), testing::HasSubstr("alert bad record mac"));
+}
+
+TEST_P(TlsSocketTest, RefusedHandshakeIsAnErrorAndAClose) {
+  PeerOptions options = ServerOptions();
+  const std::uint32_t other = GetParam() == TLS1_2_VERSION ? 8 : 4;
+  const int port = Serve(options);
+  m_owner->notify = true;
+  m_socket = NewSocket();
+  ASSERT_TRUE(m_socket->Connect("127.0.0.1", port, true, other));
+  ASSERT_TRUE(WaitFor("After 32"));
+  Settle();
+  ASSERT_EQ(m_owner->events.size(), 4u);
+  EXPECT_EQ(m_owner->events[0], "OnError 80040000 1");
+  EXPECT_EQ(m_owner->events[2], "OnClose -2147221504");
+  EXPECT_THAT(m_socket->LastError().description, testing::HasSubstr("Protocol version"));
+}
+
+TEST_P(TlsSocketTest, UnreadPlaintextPausesReading) {
+  ConnectPair();
+  m_owner->reads = false;
+  m_peer->Send("one");
+  ASSERT_TRUE(WaitFor("OnReceive"));
+  m_peer->Send("two");
+  Settle();
+  EXPECT_EQ(m_owner->events, Events{"OnReceive"});
+  EXPECT_EQ(m_socket->AvailableBytes(), 3);
+  std::string text;
+  ASSERT_TRUE(m_socket->ReceiveText(text));
+  EXPECT_EQ(text, "one");
+  ASSERT_TRUE(Wait([&] { return m_owner->events.size() == 2; }));  // reading goes on
+  ASSERT_TRUE(m_socket->ReceiveText(text));
+  EXPECT_EQ(text, "two");
+  ASSERT_TRUE(m_socket->ReceiveText(text));
+  EXPECT_EQ(text, "");
+  m_peer->Send("three");
+  m_peer->CloseNotify();
+  std::string all;
+  ASSERT_TRUE(Wait([&] {
+    if (m_socket->ReceiveText(text)) all += text;
+    return all == "three";
+  }));
+  EXPECT_TRUE(WaitFor("OnClose 0"));  // also when the owner's own read met it
+}
+
+TEST_P(TlsSocketTest, CloseSendsCloseNotifyAndLeavesTheHandle) {
+  ConnectPair();
+  ASSERT_TRUE(m_socket->SendText("bye"));
+  ASSERT_TRUE(m_socket->Close_());
+  EXPECT_GE(m_socket->SocketHandle(), 0);
+  EXPECT_FALSE(m_socket->SendText("more"));
+  EXPECT_EQ(m_owner->events.back(), "OnError 80040000 2");
+  ASSERT_TRUE(Wait([&] { return m_peer->ssl.closeNotified; }));
+  EXPECT_EQ(PeerText(), "bye");
+  m_peer->ssl.Send(View("still talking"));
+  m_peer->CloseNotify();
+  EXPECT_TRUE(WaitFor("OnClose 0"));
+  EXPECT_EQ(m_owner->received, "still talking");
+}
+
+TEST_P(TlsSocketTest, MuchDataThroughASlowPeer) {
+  ConnectPair();
+  m_peer->holdsBack = true;
+  const tls::Bytes data = Pattern(6'000'000);
+  ASSERT_TRUE(m_socket->SendArray(data));
+  EXPECT_TRUE(m_socket->HasPendingEvent());
+  EXPECT_EQ(m_socket->LastSendBytes(), 0);
+  m_peer->holdsBack = false;
+  ASSERT_TRUE(WaitFor("OnSend"));
+  EXPECT_EQ(m_socket->LastSendBytes(), 6'000'000);
+  ASSERT_TRUE(Wait([&] { return m_peer->ssl.plaintext.size() == data.size(); }));
+  EXPECT_TRUE(m_peer->ssl.plaintext == data);
+}
+
+TEST_P(TlsSocketTest, CloseAndDropInEveryHandler) {
+  for (const bool drop : {false, true}) {
+    for (const std::string where : {"Before 16", "OnConnect", "After 16", "Before 2", "OnSend", "Before 1", "OnReceive",
+                                    "After 1", "Before 32", "OnClose 0"}) {
+      m_owner->events.clear();
+      m_owner->notify = true;
+      m_owner->act = [&](cTlsSocket& socket, const std::string& event) {
+        if (event != where) return;
+        if (drop) m_socket.reset();
+        if (!drop) socket.Socket()->Close_();
+      };
+      const int port = Serve(ServerOptions());
+      m_socket = NewSocket();
+      ASSERT_TRUE(m_socket->Connect("127.0.0.1", port));
+      bool sent = false;
+      ASSERT_TRUE(Wait([&] {
+        if (m_peer->ssl.Ready() && !std::exchange(sent, m_peer->ssl.Ready())) {
+          m_peer->ssl.Send(View("data"));
+          m_peer->CloseNotify();
+        }
+        return m_owner->Saw(where);
+      })) << where;
+      Settle();
+      EXPECT_EQ(m_owner->events.back(), where) << (drop ? "drop" : "close");
+      EXPECT_EQ(m_socket == nullptr, drop);
+    }
+  }
+}
+
+TEST_P(TlsSocketTest, BeforeNotifyKeepsAnEventBack) {
+  m_owner->cancel = platform::kFdConnect | platform::kFdClose;
+  const int port = Serve(ServerOptions());
+  m_socket = NewSocket();
+  ASSERT_TRUE(m_socket->Connect("127.0.0.1", port));
+  ASSERT_TRUE(WaitFor("OnSend"));
+  ASSERT_TRUE(Wait([&] { return m_peer->ssl.Ready(); }));
+  m_peer->CloseNotify();
+  ASSERT_TRUE(Wait([&] { return m_socket->IsClosed(); }));
+  Settle();
+  EXPECT_EQ(m_owner->events, Events{"OnSend"});
+}
+
+TEST_P(TlsSocketTest, EndOfTheTransportDuringTheValidation) {
+  const int port = Serve(ServerOptions());
+  m_judge->meanwhile = [&] {  // as while a revocation list is fetched
+    ASSERT_TRUE(Wait([&] { return m_peer->ssl.Ready() || GetParam() == TLS1_3_VERSION; }));
+    Settle();
+    m_peer->ssl.Send(View("brief"));
+    m_peer->Flush();
+    m_peer->descriptor.Close();
+    Settle();
+    EXPECT_TRUE(m_owner->events.empty());
+  };
+  m_socket = NewSocket();
+  ASSERT_TRUE(m_socket->Connect("127.0.0.1", port));
+  ASSERT_TRUE(WaitFor("OnClose 0"));
+  EXPECT_EQ(m_owner->events, (Events{"OnConnect", "OnSend", "OnReceive", "OnClose 0"}));
+  EXPECT_EQ(m_owner->received, "brief");
+}
+
+TEST_P(TlsSocketTest, ClientCertificateIsAskedFor) {
+  PeerOptions options = ServerOptions();
+  options.requireCertificate = true;
+  for (const bool viaCallback : {false, true}) {
+    m_owner->events.clear();
+    const int port = Serve(options);
+    m_owner->certificate = [&](cTlsSocket&) {
+      const Identity& own = IdentityOf(KeyKind::kRsa2048);
+      m_socket->SetLocalCertificates({own.certificate});
+      m_socket->SetLocalPrivateKey(own.privateKey);
+      return true;
+    };
+    m_socket = NewSocket();
+    const auto other = NewSocket();
+    ASSERT_TRUE(m_socket->Connect("127.0.0.1", port, true, 0, viaCallback ? other : nullptr));
+    ASSERT_TRUE(WaitFor("OnConnect")) << m_socket->LastError().description;
+    EXPECT_EQ(m_owner->events[0], "OnClientCertificate");
+    ASSERT_TRUE(Wait([&] { return m_peer->ssl.Ready(); }));
+  }
+}
+
+// --- Server ----------------------------------------------------------------------------------------------------------
+
+TEST_P(TlsSocketTest, AcceptsAsAServer) {
+  const auto listener = NewSocket();
+  ASSERT_TRUE(listener->Create());
+  ASSERT_TRUE(listener->Bind("127.0.0.1", 0) && listener->Listen());
+  EXPECT_FALSE(listener->InitServerTls("missing.pem"));
+  EXPECT_EQ(listener->LastError().number, 53);
+  ASSERT_TRUE(listener->InitServerTls("good.pem", {}, {}, {}, {}, "one|two"));
+  m_owner->act = [&](cTlsSocket& socket, const std::string& event) {
+    if (event != "OnAccept") return;
+    ASSERT_TRUE(socket.Accept(m_socket));
+    m_socket->SetEvents(m_owner);
+    EXPECT_TRUE(m_socket->IsServer());
+    EXPECT_TRUE(m_socket->SendText("hello"));
+  };
+  std::string address;
+  std::int32_t port = 0;
+  ASSERT_TRUE(listener->GetSockName(address, port));
+  m_peer = std::make_unique<WirePeer>(PeerOptions{.server = false, .version = GetParam(), .alpn = "two"});
+  m_peer->descriptor = Descriptor(PlainConnect(port));
+  ASSERT_TRUE(Wait([&] { return PeerText() == "hello"; }));
+  EXPECT_EQ(m_owner->events, (Events{"OnAccept", "OnConnect"}));
+  EXPECT_EQ(m_socket->SniRequested(), "localhost");
+  EXPECT_EQ(m_socket->AlpnNegotiated(), "two");
+  EXPECT_EQ(m_judge->asked, 0);
+  m_peer->Send("question");
+  m_peer->CloseNotify();
+  ASSERT_TRUE(WaitFor("OnClose 0"));
+  EXPECT_EQ(m_owner->received, "question");
+}
+
+// --- Waiting calls ---------------------------------------------------------------------------------------------------
+
+TEST_P(TlsSocketTest, SynchronousForms) {
+  const int port = Serve(ServerOptions());
+  m_owner->reads = false;
+  m_socket = NewSocket();
+  ASSERT_TRUE(m_socket->SyncConnect("localhost", port, 10'000)) << m_socket->LastError().description;
+  EXPECT_TRUE(m_owner->Saw("OnConnect"));
+  const tls::Bytes data = Pattern(3'000'000);
+  ASSERT_TRUE(m_socket->SyncSendArray(data, 10'000)) << m_socket->LastError().number;
+  ASSERT_TRUE(Wait([&] { return m_peer->ssl.plaintext.size() == data.size(); }));
+  ASSERT_TRUE(Wait([&] { return m_peer->ssl.Ready(); }));
+  m_peer->Send("0123456789");
+  tls::Bytes part;
+  ASSERT_TRUE(m_socket->SyncReceiveArray(part, 4, 10'000));
+  EXPECT_EQ(Text(part), "0123");
+  std::string text;
+  ASSERT_TRUE(m_socket->SyncReceiveText(text, 6, 10'000));
+  EXPECT_EQ(text, "456789");
+  EXPECT_FALSE(m_socket->SyncReceiveArray(part, 0, 20));
+  EXPECT_EQ(m_socket->LastError().number, platform::kTimeoutResult);
+  EXPECT_FALSE(m_socket->SyncWaitForEvent(20, platform::kFdRead));
+  m_peer->Send("rest");
+  m_peer->CloseNotify();
+  EXPECT_FALSE(m_socket->SyncReceiveArray(part, 5, 10'000));
+  EXPECT_EQ(Text(part), "rest");
+  EXPECT_EQ(m_socket->LastError().number, platform::kWsaNotConnected);
+}
+
+TEST_P(TlsSocketTest, SynchronousConnectFails) {
+  m_judge->valid = false;
+  const int port = Serve(ServerOptions());
+  m_socket = NewSocket();
+  EXPECT_FALSE(m_socket->SyncConnect("127.0.0.1", port, 10'000));
+  EXPECT_EQ(m_socket->LastError().description, "The certificate has expired");
+
+  m_peer.reset();
+  m_socket = NewSocket();
+  EXPECT_FALSE(m_socket->SyncConnect("127.0.0.1", port, 20));  // nobody shakes hands
+  EXPECT_EQ(m_socket->LastError().number, platform::kTimeoutResult);
+
+  m_listener.Close();
+  m_socket = NewSocket();
+  EXPECT_FALSE(m_socket->SyncConnect("127.0.0.1", port, 10'000));
+  EXPECT_EQ(m_socket->LastError().number, platform::kWsaRefused);
+}
+
+// --- Without TLS -----------------------------------------------------------------------------------------------------
+
+TEST_P(TlsSocketTest, PassesThroughWithoutTls) {
+  m_listener = Descriptor(PlainListener());
+  m_owner->notify = true;
+  m_socket = NewSocket();
+  ASSERT_TRUE(m_socket->Connect("127.0.0.1", PortOf(m_listener), false));
+  ASSERT_TRUE(WaitFor("After 2"));
+  EXPECT_EQ(m_owner->events, (Events{"Before 16", "OnConnect", "After 16", "Before 2", "OnSend", "After 2"}));
+  m_owner->events.clear();
+  const Descriptor peer(PlainAccept(m_listener));
+  ASSERT_TRUE(m_socket->SendText("plain"));
+  EXPECT_EQ(PlainReceive(peer, 5), "plain");
+  EXPECT_EQ(m_socket->LastSendBytes(), 5);
+  PlainSend(peer, "text");
+  ASSERT_TRUE(WaitFor("After 1"));
+  EXPECT_EQ(m_owner->received, "text");
+  shutdown(peer, SHUT_WR);
+  ASSERT_TRUE(WaitFor("After 32"));
+  EXPECT_EQ(m_owner->events, (Events{"Before 1", "OnReceive", "After 1", "Before 32", "OnClose 0", "After 32"}));
+  EXPECT_FALSE(m_socket->IsClosed());
+  ASSERT_TRUE(m_socket->Close_());
+  EXPECT_TRUE(m_socket->IsClosed());
+}
+
+// --- Independent programs --------------------------------------------------------------------------------------------
+
+TEST_P(TlsSocketTest, TalksToTheOpensslTools) {
+  const TemporaryFolder folder;
+  const Identity& own = IdentityOf(KeyKind::kP256);
+  std::ofstream(folder.File("own.pem")) << own.certificatePem << own.privateKeyPem;
+  const std::string version = GetParam() == TLS1_2_VERSION ? "-tls1_2" : "-tls1_3";
+  m_listener = Descriptor(PlainListener());
+  const int port = PortOf(m_listener);
+  m_listener.Close();
+  ChildProcess server("openssl", {"s_server", "-quiet", "-accept", fmt::format("127.0.0.1:{}", port), "-cert",
+                                  folder.File("own.pem"), "-key", folder.File("own.pem"), "-rev", version});
+  ASSERT_TRUE(Wait([&] {
+    m_socket = NewSocket();
+    return m_socket->SyncConnect("127.0.0.1", port, 2000, true, kFeatureIgnoreCertificateErrors);
+  }));
+  ASSERT_TRUE(m_socket->SendText("stressed\n"));
+  ASSERT_TRUE(Wait([&] { return m_owner->received == "desserts\n"; }));
+
+  const auto listener = NewSocket();
+  ASSERT_TRUE(listener->Create() && listener->Bind("127.0.0.1", 0) && listener->Listen());
+  ASSERT_TRUE(listener->InitServerTls());
+  m_socket.reset();
+  m_owner->act = [&](cTlsSocket& socket, const std::string& event) {
+    if (event == "OnAccept" && socket.Accept(m_socket)) m_socket->SetEvents(m_owner);
+    if (event == "OnConnect" && socket.SendText("greeting\n")) socket.Close_();
+  };
+  std::string address;
+  std::int32_t serverPort = 0;
+  ASSERT_TRUE(listener->GetSockName(address, serverPort));
+  ChildProcess client("openssl", {"s_client", "-quiet", "-connect", fmt::format("127.0.0.1:{}", serverPort), version});
+  ASSERT_TRUE(Wait([&] { return !client.Running(); }));
+  EXPECT_EQ(client.ReadAll(), "greeting\n");
+}
+
+}  // namespace
+}  // namespace quenmark::test
