@@ -83,6 +83,7 @@ const Bytes& LeafCertificate(const Context& context) {
 void OnCertificateVerify(Context& context, const Message& message) {
   ByteReader reader(message.body);
   const std::uint16_t scheme = reader.U16();
+  context.peerScheme = scheme;
   const BytesView signature = reader.TakeBlock(2);
   RequireDone(reader, MessageName(message.type));
   const Bytes& leaf = LeafCertificate(context);
@@ -103,6 +104,7 @@ void OnServerKeyExchange(Context& context, const Message& message) {
   const BytesView key = reader.TakeBlock(1);
   const BytesView parameters = message.body.first(reader.Position());
   const std::uint16_t scheme = reader.U16();
+  context.peerScheme = scheme;
   const BytesView signature = reader.TakeBlock(2);
   RequireDone(reader, MessageName(message.type));
   pvTlsSetupExchGroup(context, group);
