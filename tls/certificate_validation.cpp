@@ -5,9 +5,8 @@
 #include "tls/certificate_revocation.h"
 #include "tls/error.h"
 
-#include <time.h>
-
 #include <algorithm>
+#include <ctime>
 
 namespace quenmark::tls {
 

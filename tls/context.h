@@ -120,7 +120,7 @@ struct Context {
   std::uint16_t protocolVersion = 0;
   const CipherSuite* cipherSuite = nullptr;
   std::uint16_t exchangeGroup = 0;
-  std::uint16_t peerScheme = 0;  // of the server's signature; 0 where it made none
+  std::uint16_t peerScheme = 0;           // of the server's signature; 0 where it made none
   std::vector<Bytes> remoteCertificates;  // DER, leaf first
   std::vector<std::uint16_t> peerSupportedGroups;
   std::vector<Bytes> sessionTickets;

@@ -4,10 +4,10 @@
 #include "tls/keys.h"
 
 #include <openssl/rsa.h>
-#include <time.h>
 
 #include <algorithm>
 #include <array>
+#include <ctime>
 #include <optional>
 
 namespace quenmark::tls {

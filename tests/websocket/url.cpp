@@ -41,9 +41,9 @@ TEST(Url, Parts) {
 
 TEST(Url, Refused) {
   for (const std::string url :
-       {"", "ws://h", "ws://\xC3\xA4/", "http://host/", "wsss://host/", "://host/path", "ws:/host/path",
-        "wshost/path", "ws://host:/path", "ws://host:80a/", "ws://host:99999999999/", "ws:///a/path", "wss://:443/a",
-        "ws://host/a\nb", "ws://ho\rst/a", "ws://host/\x7F"}) {
+       {"", "ws://h", "ws://\xC3\xA4/", "http://host/", "wsss://host/", "://host/path", "ws:/host/path", "wshost/path",
+        "ws://host:/path", "ws://host:80a/", "ws://host:99999999999/", "ws:///a/path", "wss://:443/a", "ws://host/a\nb",
+        "ws://ho\rst/a", "ws://host/\x7F"}) {
     UrlFields fields;
     EXPECT_FALSE(ParseUrl(url, fields)) << url;
   }
