@@ -82,6 +82,7 @@ void frmPBF::RunTick() {
   IgnoreErrors([&] { StartNews(); });
   IgnoreErrors([&] { ReadOpenSymbols(); });
   IgnoreErrors([&] { RefreshProcesses(); });
+  m_context.log.Debug("tick: {} open symbols", m_openSymbols.Symbols().size());
   TickEnd end = TickEnd::kHostCheck;
   IgnoreErrors([&] { end = RunProviderBranch(); });
   if (end == TickEnd::kHostCheck) CheckHosts();

@@ -97,6 +97,10 @@ std::unique_ptr<platform::HttpRequest> SendWithToken(Context& context, std::stri
   request->Send(body);
   context.loop.RunQueued();
   context.loop.Sleep(kPauseAfterSend);
+  // The query stays out of the log, and user and password, should the address hold any, stand before an "@".
+  const std::string_view place = address.substr(0, address.find('?'));
+  context.log.Debug("{} {}: status {}, {} bytes", method, place.substr(place.rfind('@') + 1), request->Status(),
+                    request->responseText().size());
   return request;
 }
 
