@@ -12,16 +12,27 @@ namespace {
 
 constexpr std::uint64_t kHighBits = 0x8080808080808080u;
 
-// Length of the run of ASCII characters that begins at `offset`, at least; whole blocks are looked at first.
+std::uint64_t WordAt(std::string_view text, std::size_t offset) {
+  std::uint64_t word = 0;
+  std::memcpy(&word, text.data() + offset, sizeof word);
+  return word;
+}
+
+// The offset behind the ASCII characters that begin at `offset`. The last word of the text is looked at as a whole, so
+// that the end costs no more than the middle.
 std::size_t SkipAscii(std::string_view text, std::size_t offset) {
-  struct Block {
-    std::uint64_t words[4];
-  };
-  for (Block block{}; offset + sizeof block <= text.size(); offset += sizeof block) {
-    std::memcpy(&block, text.data() + offset, sizeof block);
-    if (((block.words[0] | block.words[1] | block.words[2] | block.words[3]) & kHighBits) != 0) break;
+  constexpr std::size_t kWord = sizeof(std::uint64_t);
+  const std::size_t size = text.size();
+  for (; offset + 4 * kWord <= size; offset += 4 * kWord) {
+    const std::uint64_t bits = WordAt(text, offset) | WordAt(text, offset + kWord) | WordAt(text, offset + 2 * kWord) |
+                               WordAt(text, offset + 3 * kWord);
+    if ((bits & kHighBits) != 0) break;
   }
-  while (offset < text.size() && static_cast<unsigned char>(text[offset]) < 0x80) ++offset;
+  for (; offset + kWord <= size; offset += kWord) {
+    if ((WordAt(text, offset) & kHighBits) != 0) break;
+  }
+  if (size >= kWord && offset + kWord > size && (WordAt(text, size - kWord) & kHighBits) == 0) return size;
+  while (offset < size && static_cast<unsigned char>(text[offset]) < 0x80) ++offset;
   return offset;
 }
 

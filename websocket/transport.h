@@ -41,7 +41,7 @@ class Transport {
   // Whether there is a socket handle.
   virtual bool HasSocket() const = 0;
 
-  // Bytes that Receive would give.
+  // Bytes that Receive would give, at least; 0 when nothing is known to wait.
   virtual std::int64_t AvailableBytes() = 0;
   // Appends waiting bytes to the buffer: at most `atMost` where the transport can choose, else what it has decrypted.
   // False when reading fails.

@@ -174,7 +174,7 @@ bool WebsocketState::Dispatch(std::uint8_t opcode, std::string data) {
     case kContinuation:
       readyState = kStateClosing;
       if (RaiseError(kProtocolError, "Invalid opCode recieved. (0)")) Disconnect();
-      return false;
+      break;
     case kClose:
       return HandleClose(data);
     case kPing:

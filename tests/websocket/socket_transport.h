@@ -31,11 +31,14 @@ class SocketTransport final : public websocket::Transport,
   }
   bool IsClosed() const override { return !HasSocket(); }
   bool HasSocket() const override { return m_socket->SocketHandle() != platform::kInvalidSocket; }
-  std::int64_t AvailableBytes() override { return m_socket->AvailableBytes(); }
+  // A read that came back short has taken everything: what arrives later is an event of its own.
+  std::int64_t AvailableBytes() override { return m_drained ? 0 : 1; }
   bool Receive(websocket::ReceiveBuffer& buffer, std::size_t atMost) override {
     const std::size_t wanted = std::min(atMost, websocket::kMinRead);
     const auto room = buffer.Prepare(wanted);  // more when the buffer has it
-    const std::int32_t count = m_socket->Receive(room.first(std::min(room.size(), atMost)));
+    const std::size_t asked = std::min(room.size(), atMost);
+    const std::int32_t count = m_socket->Receive(room.first(asked));
+    m_drained = count < static_cast<std::int32_t>(asked);
     if (count < 1) return false;
     buffer.Commit(static_cast<std::size_t>(count));
     return true;
@@ -62,6 +65,7 @@ class SocketTransport final : public websocket::Transport,
     if (const auto events = m_events.lock()) events->OnConnect();
   }
   void OnReceive(sockets::cAsyncSocket&) override {
+    m_drained = false;
     if (const auto events = m_events.lock()) events->OnReceive();
   }
   void OnClose(sockets::cAsyncSocket&) override {
@@ -88,6 +92,7 @@ class SocketTransport final : public websocket::Transport,
   std::shared_ptr<sockets::cAsyncSocket> m_socket;
   websocket::Bytes m_unsent;  // from m_sent on
   std::size_t m_sent = 0;
+  bool m_drained = true;
 };
 
 }  // namespace quenmark::test
