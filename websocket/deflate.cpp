@@ -161,7 +161,9 @@ bool cZipArchive::Inflate(BytesView input, BytesView tail, std::string& output) 
 
 void TrimTail(Bytes& compressed) {
   if (compressed.empty() || (compressed.back() != 0x00 && compressed.back() != 0xFF)) compressed.push_back(0x00);
-  if (EndsWithTail(compressed)) compressed.resize(compressed.size() - kTail.size());
+  if (EndsWithTail(compressed)) {
+    compressed.erase(compressed.end() - static_cast<std::ptrdiff_t>(kTail.size()), compressed.end());
+  }
 }
 
 bool CompressMessage(cZipArchive& archive, BytesView payload, Bytes& output) {
