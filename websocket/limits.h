@@ -10,8 +10,8 @@ namespace quenmark::websocket {
 inline constexpr std::size_t kMaxInflatedMessage = std::size_t{64} << 20;
 // Bytes a frame, or the fragments of one message together, may declare. Beyond it the connection ends with 1009.
 inline constexpr std::size_t kMaxMessage = std::size_t{64} << 20;
-// Bytes read from the transport before they are looked at.
-inline constexpr std::size_t kMaxReadPerPass = std::size_t{1} << 20;
+// Bytes read from the transport before they are looked at: what a second-level cache still holds by then.
+inline constexpr std::size_t kMaxReadPerPass = std::size_t{128} << 10;
 // Bytes asked for in one read at least.
 inline constexpr std::size_t kMinRead = std::size_t{64} << 10;
 // Bytes at which the receive buffer stops growing.

@@ -203,7 +203,7 @@ TEST_F(WebsocketReceive, NestedReceivesKeepTheOrder) {
   EXPECT_FALSE(socket->isBusy());
 }
 
-TEST_F(WebsocketReceive, AtMostAMegabyteIsReadBeforeItIsLookedAt) {
+TEST_F(WebsocketReceive, NoMoreThanTheLimitIsReadBeforeItIsLookedAt) {
   Open();
   const std::string frame = ServerFrame(0x82, std::string(1000, 'x'));
   std::string stream;
