@@ -5,8 +5,8 @@
 #include "platform/clock.h"
 #include "platform/message_loop.h"
 #include "platform/store_text.h"
-#include "tests/websocket/socket_transport.h"
 #include "websocket/deflate.h"
+#include "websocket/tls_transport.h"
 #include "websocket/websocket.h"
 
 #include <benchmark/benchmark.h>
@@ -250,14 +250,6 @@ Result RunBeast(const std::string& block, bool deflate) {
 class Component {
  public:
   Component() {
-    websocket::WebsocketServices services;
-    services.makeTransport = [this](std::weak_ptr<websocket::TransportEvents> events) {
-      return test::SocketTransport::New(m_loop, std::move(events));
-    };
-    services.random = [](std::span<std::uint8_t> out) {
-      Require(getrandom(out.data(), out.size(), 0) == static_cast<ssize_t>(out.size()), "getrandom");
-    };
-    services.sha1 = Sha1;
     websocket::WebsocketEvents events;
     events.OnMessage = [this](const websocket::MessageData& data, std::int32_t) {
       ++messages;
@@ -268,7 +260,8 @@ class Component {
       allocationsAtStart = allocations;
     };
     events.OnError = [](std::int32_t, const std::string& text) { Require(false, text.c_str()); };
-    socket = std::make_unique<websocket::Websocket>(m_loop, std::move(services), std::move(events));
+    socket =
+        std::make_unique<websocket::Websocket>(m_loop, websocket::MakeWebsocketServices(m_loop, {}), std::move(events));
   }
   void Await(const std::function<bool()>& done) {
     Require(m_loop.WaitUntil(done, m_clock.Monotonic() + std::chrono::minutes(2)), "time");

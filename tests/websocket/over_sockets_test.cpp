@@ -1,7 +1,7 @@
 // The component over this system's sockets against a Boost.Beast echo server on loopback.
 #include "platform/clock.h"
-#include "tests/websocket/socket_transport.h"
 #include "tests/websocket/websocket_fixture.h"
+#include "websocket/tls_transport.h"
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
@@ -37,19 +37,14 @@ class OverSockets : public testing::Test {
         buffer.consume(buffer.size());
       }
     });
-    websocket::WebsocketServices services;
-    services.makeTransport = [this](std::weak_ptr<websocket::TransportEvents> events) {
-      return SocketTransport::New(loop, std::move(events));
-    };
-    services.random = [](std::span<std::uint8_t> out) { std::fill(out.begin(), out.end(), std::uint8_t{0xA5}); };
-    services.sha1 = Sha1Digest;
     websocket::WebsocketEvents events;
     events.OnMessage = [this](const websocket::MessageData& data, std::int32_t type) {
       received.emplace_back(type, data.Text());
     };
     events.OnClose = [this](std::int32_t code, const std::string&) { closed = code; };
     events.OnError = [](std::int32_t code, const std::string& text) { ADD_FAILURE() << code << " " << text; };
-    socket = std::make_unique<websocket::Websocket>(loop, std::move(services), std::move(events));
+    socket =
+        std::make_unique<websocket::Websocket>(loop, websocket::MakeWebsocketServices(loop, {}), std::move(events));
   }
   ~OverSockets() override {
     socket.reset();
