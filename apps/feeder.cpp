@@ -6,6 +6,8 @@
 #include "platform/sqlite_store.h"
 #include "platform/stop_signals.h"
 #include "providers/http_requests.h"
+#include "tls/certificate_services.h"
+#include "websocket/tls_transport.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -41,7 +43,7 @@ int Run(platform::Log& log) {
                              .programFolder = platform::ProgramFolder(),
                              .endProcess = [] { std::_Exit(0); }};
   running = &context;
-  feeder::frmPBF form(context);
+  feeder::frmPBF form(context, websocket::MakeWebsocketServices(loop, tls::MakeCertificateServices(loop)));
   form.Form_Load();
   loop.Run();
   return 0;

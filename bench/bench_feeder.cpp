@@ -125,7 +125,7 @@ void MainTickNothingChanged(benchmark::State& state) {
   configure("#", "1-SandBox");
   configure("t", "c2VjcmV0");
   configure("EP", "https://sandbox.invalid/v1/");
-  feeder::frmPBF form(bench.context);
+  feeder::frmPBF form(bench.context, websocket::WebsocketServices{});
   form.Form_Load();
   for (auto unused : state) form.Timer1_Timer();
 }

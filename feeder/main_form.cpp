@@ -9,6 +9,7 @@
 #include "providers/text_utilities.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace quenmark::feeder {
 namespace {
@@ -33,7 +34,7 @@ std::string FirstCharacters(const std::string& text, std::size_t count) {
 
 }  // namespace
 
-frmPBF::frmPBF(providers::Context& context)
+frmPBF::frmPBF(providers::Context& context, websocket::WebsocketServices streamServices)
     : m_context(context),
       m_timer1(
           context.loop, 3000ms, [this] { Timer1_Timer(); }, platform::TimerKind::kMainTick),
@@ -43,6 +44,7 @@ frmPBF::frmPBF(providers::Context& context)
       m_timerwTS(context.loop, 500ms, [this] { m_timerwTS.SetEnabled(false); }),
       m_tradierPolling(context, m_openSymbols, m_subscribedList,
                        [this](std::chrono::milliseconds interval) { m_timer1.SetInterval(interval); }),
+      m_tradierStream(context, m_openSymbols, m_subscribedList, m_timerClose, std::move(streamServices)),
       m_stationStream(context, m_openSymbols, m_subscribedList, m_timer2) {}
 
 void frmPBF::Form_Load() {
@@ -148,10 +150,15 @@ void frmPBF::PrepareBrokerBranch() {
 }
 
 frmPBF::TickEnd frmPBF::RunTradier() {
-  if (!m_context.IsSandbox()) return RunLiveTradier();
+  const bool live = !m_context.IsSandbox();
+  if (live && !m_tradierStream.IsOpenOrConnect()) return TickEnd::kAtOnce;
   IgnoreErrors([&] { AnswerSiblingTool(m_context); });
   IgnoreErrors([&] { m_openSymbols.Rebuild(m_context); });
-  m_tradierPolling.Tick();
+  if (live) {
+    m_tradierStream.FollowCharts();
+  } else {
+    m_tradierPolling.Tick();
+  }
   return TickEnd::kHostCheck;
 }
 
@@ -189,10 +196,6 @@ void frmPBF::Fecha(std::string_view name) {
 
 void frmPBF::RefreshProcesses() {
   m_processes = m_context.processes.List();
-}
-
-frmPBF::TickEnd frmPBF::RunLiveTradier() {
-  return TickEnd::kAtOnce;
 }
 
 void frmPBF::RunVendorQuotes() {}

@@ -3,6 +3,7 @@
 
 #include "feeder/station_stream.h"
 #include "feeder/tradier_polling.h"
+#include "feeder/tradier_stream.h"
 #include "platform/message_loop.h"
 #include "providers/context.h"
 #include "providers/descriptions.h"
@@ -16,8 +17,8 @@ namespace quenmark::feeder {
 
 class frmPBF {
  public:
-  // The context must outlive the form.
-  explicit frmPBF(providers::Context& context);
+  // The context must outlive the form. The services are those of the event stream's connection.
+  frmPBF(providers::Context& context, websocket::WebsocketServices streamServices);
   frmPBF(const frmPBF&) = delete;
   frmPBF& operator=(const frmPBF&) = delete;
 
@@ -59,7 +60,6 @@ class frmPBF {
   void RefreshProcesses();
 
   // Where the branches of the other providers begin; none of them touches the store yet.
-  TickEnd RunLiveTradier();
   void RunVendorQuotes();
   void PollNews();
 
@@ -77,6 +77,7 @@ class frmPBF {
   providers::DescribedSymbols m_described;
   std::vector<platform::ProcessEntry> m_processes;  // walked once per tick
   TradierPolling m_tradierPolling;
+  TradierStream m_tradierStream;
   StationStream m_stationStream;
 };
 

@@ -21,10 +21,14 @@ char MinuteDigit(std::string_view stamp) {
 }  // namespace
 
 QuoteOrder QAnt(providers::Context& context, std::string_view symbol, std::string_view stamp) {
-  const std::string record = context.store.GetSetting(context.settingsApp, providers::kFeederSection, symbol);
+  return CompareToRecord(context, context.store.GetSetting(context.settingsApp, providers::kFeederSection, symbol),
+                         stamp);
+}
+
+QuoteOrder CompareToRecord(providers::Context& context, std::string_view record, std::string_view stamp) {
   const std::size_t dash = record.rfind('-');
-  if (dash == std::string::npos) return QuoteOrder::kOk;
-  const std::string_view stored = std::string_view(record).substr(dash + 1);
+  if (dash == std::string_view::npos) return QuoteOrder::kOk;
+  const std::string_view stored = record.substr(dash + 1);
   if (stamp < stored) return QuoteOrder::kNo;
   if (MinuteDigit(stamp) != MinuteDigit(stored)) {
     context.store.DeleteSection(context.settingsApp, providers::kMinuteBarSection);

@@ -14,6 +14,8 @@ enum class QuoteOrder { kOk, kNo };
 // `QAnt`: kNo when the stored record of the symbol is newer than the stamp (yyyymmddHHMMss). A stamp that is not older
 // and whose minute ends in another digit drops the minute-bar cache.
 QuoteOrder QAnt(providers::Context& context, std::string_view symbol, std::string_view stamp);
+// The same against a record that has been read.
+QuoteOrder CompareToRecord(providers::Context& context, std::string_view record, std::string_view stamp);
 
 // A TradeStation time (UTC) as local time in layout "GMT", and such a time as a stamp; what is no time gives no stamp.
 std::string StationLocalTime(const providers::Context& context, std::string_view utc);
