@@ -31,12 +31,17 @@ int main(int argc, char** argv) {
   std::string session = "open";
   std::string provider;
   std::string chunks = "random";
+  std::string certificate = "good";
   std::vector<std::string> faults;
   std::vector<std::string> kinds;
   std::optional<std::int64_t> step;
   double sessionLife = 300;
   app.add_option("--https-port", options.httpsPort, "port for HTTPS, 0 takes a free one");
   app.add_option("--http-port", options.httpPort, "port for HTTP, 0 takes a free one");
+  app.add_option("--wss-port", options.wssPort, "second port for HTTPS, with a certificate of its own");
+  app.add_option("--wss-certificate", certificate, "what the wss port shows")
+      ->check(CLI::IsMember({"good", "expired", "other-host", "not-yet", "unknown-issuer"}))
+      ->capture_default_str();
   app.add_option("--symbols", service.market.symbols, "number of symbols that trade")
       ->check(CLI::Range(std::size_t{1}, simulator::kMaximumSymbols))
       ->capture_default_str();
@@ -89,6 +94,7 @@ int main(int argc, char** argv) {
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? 0 : 2;
   }
+  options.wssCertificate = *simulator::ParseCertificateFault(certificate);
   service.provider = simulator::ParseProvider(provider);
   service.streams.chunks = *simulator::ParseChunkBorders(chunks);
   service.streams.seed = service.events.seed = service.market.seed;
