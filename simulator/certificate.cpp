@@ -87,29 +87,44 @@ std::string Pem(EVP_PKEY* key) {
 
 }  // namespace
 
-ServerCertificate MakeServerCertificate(const CertificateOptions& options) {
-  const Key authorityKey{EVP_EC_gen("P-256")};
-  const Key serverKey{EVP_EC_gen("P-256")};
-  Require(authorityKey && serverKey);
+struct Authority::State {
+  Key key;
+  Certificate certificate;
+};
 
-  const Certificate authority = Blank(authorityKey.get(), "Market simulator authority", nullptr, CertificateOptions{});
+Authority::Authority() : m_state(std::make_unique<State>()) {
+  m_state->key.reset(EVP_EC_gen("P-256"));
+  Require(m_state->key != nullptr);
+  m_state->certificate = Blank(m_state->key.get(), "Market simulator authority", nullptr, CertificateOptions{});
+  X509* raw = m_state->certificate.get();
   for (const ExtensionRow& row : {ExtensionRow{NID_basic_constraints, "critical,CA:TRUE,pathlen:0"},
                                   ExtensionRow{NID_key_usage, "critical,keyCertSign,cRLSign"},
                                   ExtensionRow{NID_subject_key_identifier, "hash"}}) {
-    Extend(authority.get(), authority.get(), row);
+    Extend(raw, raw, row);
   }
-  Require(X509_sign(authority.get(), authorityKey.get(), EVP_sha256()) > 0);
+  Require(X509_sign(raw, m_state->key.get(), EVP_sha256()) > 0);
+}
 
-  const Certificate server = Blank(serverKey.get(), options.dnsName, authority.get(), options);
+Authority::~Authority() = default;
+
+std::string Authority::Pem() const {
+  return simulator::Pem(m_state->certificate.get());
+}
+
+ServerCertificate Authority::Sign(const CertificateOptions& options) const {
+  const Key key{EVP_EC_gen("P-256")};
+  Require(key != nullptr);
+  X509* issuer = m_state->certificate.get();
+  const Certificate server = Blank(key.get(), options.dnsName, issuer, options);
   for (const ExtensionRow& row :
        {ExtensionRow{NID_basic_constraints, "critical,CA:FALSE"},
         ExtensionRow{NID_key_usage, "critical,digitalSignature"}, ExtensionRow{NID_ext_key_usage, "serverAuth"},
         ExtensionRow{NID_subject_alt_name, "DNS:" + options.dnsName + ",IP:" + options.address},
         ExtensionRow{NID_subject_key_identifier, "hash"}, ExtensionRow{NID_authority_key_identifier, "keyid"}}) {
-    Extend(server.get(), authority.get(), row);
+    Extend(server.get(), issuer, row);
   }
-  Require(X509_sign(server.get(), authorityKey.get(), EVP_sha256()) > 0);
-  return {Pem(authority.get()), Pem(server.get()), Pem(serverKey.get())};
+  Require(X509_sign(server.get(), m_state->key.get(), EVP_sha256()) > 0);
+  return {simulator::Pem(server.get()), simulator::Pem(key.get())};
 }
 
 }  // namespace quenmark::simulator

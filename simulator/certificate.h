@@ -1,7 +1,8 @@
-// A certificate authority of the moment and a server certificate that it signs (EC P-256, RFC 5280).
+// A certificate authority of the moment and the server certificates that it signs (EC P-256, RFC 5280).
 #pragma once
 
 #include <chrono>
+#include <memory>
 #include <string>
 
 namespace quenmark::simulator {
@@ -14,12 +15,26 @@ struct CertificateOptions {
 };
 
 struct ServerCertificate {
-  std::string authority;    // PEM, what clients are to trust
-  std::string certificate;  // PEM, of the server
-  std::string key;          // PEM, of the server
+  std::string certificate;  // PEM
+  std::string key;          // PEM
 };
 
-// Throws std::runtime_error when libcrypto fails.
-ServerCertificate MakeServerCertificate(const CertificateOptions& options);
+// Its members throw std::runtime_error when libcrypto fails.
+class Authority {
+ public:
+  Authority();
+  ~Authority();
+  Authority(const Authority&) = delete;
+  Authority& operator=(const Authority&) = delete;
+
+  // Its own certificate, what clients are to trust.
+  std::string Pem() const;
+  // A certificate for a new key.
+  ServerCertificate Sign(const CertificateOptions& options) const;
+
+ private:
+  struct State;
+  std::unique_ptr<State> m_state;
+};
 
 }  // namespace quenmark::simulator

@@ -1,5 +1,6 @@
 #include "simulator/faults.h"
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <utility>
@@ -7,23 +8,40 @@
 namespace quenmark::simulator {
 namespace {
 
-constexpr std::chrono::milliseconds kSlowness{3'000};
-constexpr unsigned kMostMilliseconds = 600'000;
+constexpr unsigned kQuotes = 1U << static_cast<unsigned>(FaultTarget::kQuoteStream);
+constexpr unsigned kEvents = 1U << static_cast<unsigned>(FaultTarget::kEventStream);
+constexpr unsigned kAll = ~0U;
 
-constexpr std::array<std::pair<FaultKind, std::string_view>, 12> kKinds{{
-    {FaultKind::kStatus401, "status401"},
-    {FaultKind::kStatus429, "status429"},
-    {FaultKind::kStatus500, "status500"},
-    {FaultKind::kSlow, "slow"},
-    {FaultKind::kCut, "cut"},
-    {FaultKind::kHtml, "html"},
-    {FaultKind::kEmpty, "empty"},
-    {FaultKind::kHuge, "huge"},
-    {FaultKind::kStall, "stall"},
-    {FaultKind::kDrip, "drip"},
-    {FaultKind::kEnd, "end"},
-    {FaultKind::kGoAway, "goaway"},
+struct KindRow {
+  FaultKind kind;
+  std::string_view name;
+  unsigned targets;
+  unsigned number = 0;  // where the name stands without one
+  unsigned most = 0;    // number that may follow the name; 0: none may
+};
+constexpr std::array<KindRow, 17> kKinds{{
+    {FaultKind::kStatus401, "status401", kAll},
+    {FaultKind::kStatus429, "status429", kAll},
+    {FaultKind::kStatus500, "status500", kAll},
+    {FaultKind::kSlow, "slow", kAll, 3'000, 600'000},
+    {FaultKind::kCut, "cut", kAll},
+    {FaultKind::kHtml, "html", kAll},
+    {FaultKind::kEmpty, "empty", kAll},
+    {FaultKind::kHuge, "huge", kAll},
+    {FaultKind::kStall, "stall", kQuotes | kEvents},
+    {FaultKind::kDrip, "drip", kQuotes | kEvents},
+    {FaultKind::kEnd, "end", kQuotes},
+    {FaultKind::kGoAway, "goaway", kQuotes},
+    {FaultKind::kClose, "close", kEvents, 1'001, 4'999},
+    {FaultKind::kTlsClose, "tlsclose", kEvents},
+    {FaultKind::kReset, "reset", kEvents},
+    {FaultKind::kGarbage, "garbage", kEvents},
+    {FaultKind::kHalfFrame, "halfframe", kEvents},
 }};
+
+const KindRow& RowOf(FaultKind kind) {
+  return kKinds.at(static_cast<std::size_t>(kind));
+}
 
 // The whole of `text` as a number.
 std::optional<unsigned> Number(std::string_view text) {
@@ -37,11 +55,7 @@ std::optional<unsigned> Number(std::string_view text) {
 }  // namespace
 
 std::string_view FaultName(FaultKind kind) {
-  return kKinds.at(static_cast<std::size_t>(kind)).second;
-}
-
-bool OnlyHitsStreams(FaultKind kind) {
-  return kind >= FaultKind::kStall;
+  return RowOf(kind).name;
 }
 
 std::optional<Fault> ParseFault(std::string_view text) {
@@ -56,18 +70,15 @@ std::optional<Fault> ParseFault(std::string_view text) {
     fault.path = text.substr(at + 1);
     text = text.substr(0, at);
   }
-  for (const auto& [kind, name] : kKinds) {
-    fault.kind = kind;
-    if (kind == FaultKind::kSlow) fault.delay = kSlowness;
-    if (text == name) return fault;
-    if (kind != FaultKind::kSlow) continue;
-    if (text.starts_with(name)) {
-      const std::optional<unsigned> delay = Number(text.substr(name.size()));
-      if (!delay || *delay > kMostMilliseconds) return std::nullopt;
-      fault.delay = std::chrono::milliseconds{*delay};
-      return fault;
-    }
-    fault.delay = {};
+  for (const KindRow& row : kKinds) {
+    if (!text.starts_with(row.name)) continue;
+    const std::string_view behind = text.substr(row.name.size());
+    const std::optional<unsigned> number = behind.empty() ? row.number : Number(behind);
+    if (!number || *number > std::max(row.most, row.number) || (row.most == 0 && !behind.empty())) return std::nullopt;
+    fault.kind = row.kind;
+    if (row.kind == FaultKind::kSlow) fault.delay = std::chrono::milliseconds{*number};
+    if (row.kind == FaultKind::kClose) fault.closeCode = static_cast<std::uint16_t>(*number);
+    return fault;
   }
   return std::nullopt;
 }
@@ -78,9 +89,10 @@ bool FaultList::Add(Fault fault) {
   return true;
 }
 
-std::optional<Fault> FaultList::Take(std::string_view target, bool stream) {
+std::optional<Fault> FaultList::Take(std::string_view target, FaultTarget what) {
   for (auto fault = m_faults.begin(); fault != m_faults.end(); ++fault) {
-    if (target.find(fault->path) == std::string_view::npos || (OnlyHitsStreams(fault->kind) && !stream)) continue;
+    const bool hits = (RowOf(fault->kind).targets >> static_cast<unsigned>(what) & 1U) != 0;
+    if (!hits || target.find(fault->path) == std::string_view::npos) continue;
     const Fault taken = *fault;
     if (fault->count && --*fault->count == 0) m_faults.erase(fault);
     return taken;

@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <list>
 #include <optional>
 #include <string>
@@ -24,15 +25,23 @@ enum class FaultKind {
   kDrip,    // every byte is written by itself
   kEnd,     // the body ends regularly
   kGoAway,  // the body ends with a "GoAway" object
+  // Event streams only:
+  kClose,      // a close frame; "close1011" with this status, "close" alone 1001
+  kTlsClose,   // the TLS connection ends without a close frame
+  kReset,      // the TCP connection is reset
+  kGarbage,    // bytes that are no frame
+  kHalfFrame,  // half a frame, then the connection is dropped
 };
 std::string_view FaultName(FaultKind kind);
-bool OnlyHitsStreams(FaultKind kind);
+// What a fault can hit: any answer (that a stream's begin is one of), quote streams or event streams.
+enum class FaultTarget { kAnswer, kQuoteStream, kEventStream };
 
 struct Fault {
   FaultKind kind;
   std::string path;                  // requests whose target contains it are hit; empty: every one
   std::optional<std::size_t> count;  // requests left; empty: no end
   std::chrono::milliseconds delay{0};
+  std::uint16_t closeCode = 0;  // kClose
 };
 
 // Nothing when the text is not a fault.
@@ -45,8 +54,8 @@ class FaultList {
   // False when kMost faults are waiting already.
   bool Add(Fault fault);
   void Clear() { m_faults.clear(); }
-  // The earliest added fault that hits this target, counted down. `stream`: it asks for a stream.
-  std::optional<Fault> Take(std::string_view target, bool stream);
+  // The earliest added fault that hits a request for `target`, counted down.
+  std::optional<Fault> Take(std::string_view target, FaultTarget what);
 
  private:
   std::list<Fault> m_faults;

@@ -10,6 +10,7 @@
 
 namespace quenmark::simulator {
 
+class EventStream;
 class QuoteStream;
 
 using NamedTexts = std::vector<std::pair<std::string, std::string>>;
@@ -35,6 +36,7 @@ struct HttpAnswer {
   std::size_t padding = 0;              // blanks sent behind the body, counted in Content-Length
   bool cut = false;                     // the connection is dropped in the middle of the body
   std::shared_ptr<QuoteStream> stream;  // sends the body in chunks, in place of `body`; none when empty
+  std::shared_ptr<EventStream> events;  // the connection becomes a WebSocket connection with it; none when empty
 };
 
 // The query of a target, names and values percent-decoded ("+" is a blank), in order.

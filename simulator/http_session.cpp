@@ -1,5 +1,6 @@
 #include "simulator/http_session.h"
 
+#include "simulator/event_socket.h"
 #include "simulator/http_server.h"
 #include "simulator/quote_stream.h"
 
@@ -124,7 +125,19 @@ class HttpSession : public std::enable_shared_from_this<HttpSession<Stream>> {
 
   void Answer() {
     if (m_fault && m_fault->delay.count() != 0 && ClientLeft()) return m_service.Abandon(m_request, m_fault);
-    Send(m_service.Answer(m_request, m_fault));
+    HttpAnswer answer = m_service.Answer(m_request, m_fault);
+    if (answer.events) return Upgrade(answer.events);
+    Send(std::move(answer));
+  }
+
+  // The connection leaves HTTP, and this session ends.
+  void Upgrade(const std::shared_ptr<EventStream>& events) {
+    if constexpr (kTls) {
+      SSL* ssl = m_stream.native_handle();
+      StartEventSocket(Lowest().release_socket(), ssl, m_parser->release(), events, m_connection);
+    } else {
+      events->Close("client");
+    }
   }
 
   void Refuse(int status) {

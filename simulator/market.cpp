@@ -138,11 +138,15 @@ const Stock* Market::Find(std::string_view symbol) const {
 
 const Stock* Market::Step(std::string_view symbol) {
   Stock* stock = Lookup(symbol);
-  if (stock != nullptr && !m_held && m_session != Session::kClosed) Move(*stock);
+  if (stock != nullptr) Step(*stock, Now());
   return stock;
 }
 
-void Market::Move(Stock& stock) {
+void Market::Step(const Stock& stock, std::int64_t now) {
+  if (!m_held && m_session != Session::kClosed) Move(m_stocks[stock.index], now);
+}
+
+void Market::Move(Stock& stock, std::int64_t now) {
   const bool pinned = std::exchange(stock.pinned, false);
   const bool trades = Draw(stock.random, 0, 7) != 0;
   const Cents move = Draw(stock.random, -3, 3) * std::max<Cents>(1, stock.base / 10'000);
@@ -150,13 +154,15 @@ void Market::Move(Stock& stock) {
     const Cents floor = std::max<Cents>(1, stock.base / 4);
     stock.price = std::clamp(stock.price + move, floor, stock.base * 4);
   }
-  SetBook(stock, Now());
-  if ((pinned || trades) && !Untraded(stock)) Trade(stock);
+  SetBook(stock, now);
+  stock.traded = 0;
+  if ((pinned || trades) && !Untraded(stock)) Trade(stock, now);
 }
 
-void Market::Trade(Stock& stock) {
+void Market::Trade(Stock& stock, std::int64_t now) {
   const std::int64_t size = Draw(stock.random, 1, 500);
-  const std::int64_t minute = Now() / kMinute;
+  const std::int64_t minute = now / kMinute;
+  stock.traded = size;
   if (stock.bars.empty() || stock.bars.back().minute != minute) {
     stock.bars.push_back({minute, stock.price, stock.price, stock.price, stock.price, 0, 0});
     if (stock.bars.size() > kStoredBars) stock.bars.pop_front();
@@ -167,7 +173,7 @@ void Market::Trade(Stock& stock) {
   if (m_session != Session::kOpen) return;
   stock.last = stock.price;
   stock.lastVolume = size;
-  stock.tradeTime = Now();
+  stock.tradeTime = now;
   if (!stock.open) stock.open = stock.price;
   stock.high = std::max(stock.high.value_or(stock.price), stock.price);
   stock.low = std::min(stock.low.value_or(stock.price), stock.price);

@@ -41,6 +41,7 @@ struct Stock {
   Cents base = 0;            // where the walk began; it stays between a quarter and four times of it
   Cents price = 0;           // latest trade of any session
   bool pinned = false;       // the price was set and has not been shown yet
+  std::int64_t traded = 0;   // shares traded in the latest step; 0: it moved the book alone
   Cents last = 0;            // latest trade of a regular session
   Cents previousClose = 0;
   std::optional<Cents> open, high, low,
@@ -72,6 +73,7 @@ class Market {
 
   // Milliseconds since 1970 UTC; never goes back.
   std::int64_t Now();
+  bool Fixed() const { return m_fixed.has_value(); }
   // Time passes on a fixed clock. Without one nothing happens.
   void Pass(std::chrono::milliseconds time);
   // What passes with a provider request: one second.
@@ -91,6 +93,8 @@ class Market {
   const Stock* Find(std::string_view symbol) const;
   // Moves the symbol one step; nullptr when it does not trade here.
   const Stock* Step(std::string_view symbol);
+  // The same for one of Stocks(), at the time `now` (milliseconds since 1970 UTC, as told by Now()).
+  void Step(const Stock& stock, std::int64_t now);
   // No trade happened yet in this pre-market session and none will: every sixteenth symbol.
   bool Untraded(const Stock& stock) const { return m_session == Session::kPre && stock.index % 16 == 15; }
   // Minute bars from `fromMinute` (minutes since 1970 UTC) to now, the newest 2,000 of them. The market trades around
@@ -100,8 +104,8 @@ class Market {
  private:
   Stock MakeStock(Instrument instrument, std::size_t index);
   Stock* Lookup(std::string_view symbol);
-  void Move(Stock& stock);
-  void Trade(Stock& stock);
+  void Move(Stock& stock, std::int64_t now);
+  void Trade(Stock& stock, std::int64_t now);
   Bar PastBar(const Stock& stock, std::int64_t minute) const;
 
   const std::uint64_t m_seed;

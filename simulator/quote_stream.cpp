@@ -67,7 +67,9 @@ QuoteStream::QuoteStream(StreamShared& shared, const std::vector<std::string>& s
     : m_shared(shared),
       m_number(++shared.counts.opened),
       m_random(shared.options.seed + static_cast<std::uint64_t>(m_number) * 0x9FB21C651E98DF25U),
-      m_interval(std::max<std::int64_t>(1, static_cast<std::int64_t>(1e6 / shared.options.rate))),
+      m_interval(shared.options.rate > 0
+                     ? std::max<std::int64_t>(1, static_cast<std::int64_t>(1e6 / shared.options.rate))
+                     : 1),
       m_nextUpdate(m_interval),
       m_nextHeartbeat(kHeartbeatInterval) {
   ++m_shared.counts.open;
@@ -177,6 +179,11 @@ StreamPiece::Then QuoteStream::FaultStep(StreamPiece& piece) {
     case FaultKind::kHtml:
     case FaultKind::kEmpty:
     case FaultKind::kDrip:
+    case FaultKind::kClose:
+    case FaultKind::kTlsClose:
+    case FaultKind::kReset:
+    case FaultKind::kGarbage:
+    case FaultKind::kHalfFrame:
       break;
   }
   CutIntoChunks(piece, HeldBack());

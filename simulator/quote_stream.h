@@ -28,7 +28,7 @@ enum class ChunkBorders { kObject, kRandom, kByte };
 std::optional<ChunkBorders> ParseChunkBorders(std::string_view text);
 
 struct StreamOptions {
-  double rate = 20;  // update turns per second and stream, above 0
+  double rate = 20;  // update turns per second and stream; 0: one each microsecond
   ChunkBorders chunks = ChunkBorders::kRandom;
   std::uint64_t seed = 1;
 };

@@ -47,6 +47,11 @@ std::optional<HttpAnswer> Replacement(FaultKind kind, bool tradeStation) {
     case FaultKind::kDrip:
     case FaultKind::kEnd:
     case FaultKind::kGoAway:
+    case FaultKind::kClose:
+    case FaultKind::kTlsClose:
+    case FaultKind::kReset:
+    case FaultKind::kGarbage:
+    case FaultKind::kHalfFrame:
       break;
   }
   return std::nullopt;
@@ -69,8 +74,9 @@ std::optional<Provider> ParseProvider(std::string_view text) {
 
 Service::Service(const ServiceOptions& options)
     : m_market(options.market),
+      m_events(m_market, options.events),
       m_log(options.logFile),
-      m_tradier(m_market, m_sent, options.token),
+      m_tradier(m_market, m_sent, m_events, options.token),
       m_tradeStation(m_market, m_sent, m_log, options.streams, options.token),
       m_vendor(m_market),
       m_provider(options.provider),
@@ -83,7 +89,15 @@ Service::Service(const ServiceOptions& options)
 std::optional<Fault> Service::Begin(const HttpRequest& request) {
   if (request.target.starts_with(kControlBase)) return std::nullopt;
   const std::optional<std::string_view> station = StationEndpoint(request);
-  return m_faults.Take(request.target, station && TradeStationApi::IsStream(*station));
+  const FaultTarget target = IsEvents(request)                                ? FaultTarget::kEventStream
+                             : station && TradeStationApi::IsStream(*station) ? FaultTarget::kQuoteStream
+                                                                              : FaultTarget::kAnswer;
+  return m_faults.Take(request.target, target);
+}
+
+bool Service::IsEvents(const HttpRequest& request) const {
+  return Serves(Provider::kTradier) && request.scheme == "https" && request.method == "GET" &&
+         request.Path() == "/v1/markets/events" && UpperCase(request.Header("Upgrade")) == "WEBSOCKET";
 }
 
 std::optional<std::string_view> Service::StationEndpoint(const HttpRequest& request) const {
@@ -98,7 +112,10 @@ HttpAnswer Service::Answer(const HttpRequest& request, const std::optional<Fault
   if (fault) replacement = Replacement(fault->kind, StationEndpoint(request).has_value());
   const bool whole = !fault || fault->kind == FaultKind::kSlow;
   HttpAnswer answer = replacement ? std::move(*replacement) : Route(request, whole);
-  if (fault && answer.stream) {
+  if (!replacement && IsEvents(request)) {
+    answer = TextAnswer(101, "", "");
+    answer.events = std::make_shared<EventStream>(m_events, fault);
+  } else if (fault && answer.stream) {
     answer.stream->Commit(fault->kind);
   } else if (fault && fault->kind == FaultKind::kCut) {
     answer.cut = true;
@@ -151,6 +168,14 @@ HttpAnswer Service::Control(const HttpRequest& request) {
   } else if (request.method == "POST" && path == "/sim/hold") {
     done = text == "on" || text == "off";
     if (done) m_market.Hold(text == "on");
+  } else if (request.method == "POST" && path == "/sim/rate") {
+    done = ApplyRate(text);
+  } else if (request.method == "POST" && path == "/sim/sessions") {
+    done = text == "expire";
+    if (done) m_events.ExpireSessions();
+  } else if (request.method == "POST" && path == "/sim/message") {
+    m_events.Broadcast(request.body);
+    done = true;
   } else {
     return TextAnswer(404, "text/plain", "Not Found");
   }
@@ -163,10 +188,18 @@ HttpAnswer Service::State() {
   streams.Add("opened", Node::Number(counts.opened))
       .Add("open", Node::Number(counts.open))
       .Add("objects", Node::Number(counts.objects));
+  const EventCounts& sent = m_events.counts;
+  Node events = Node::Object();
+  events.Add("opened", Node::Number(sent.opened))
+      .Add("open", Node::Number(sent.open))
+      .Add("subscriptions", Node::Number(sent.subscriptions))
+      .Add("messages", Node::Number(sent.messages))
+      .Add("events", Node::Number(sent.events));
   Node state = Node::Object();
   state.Add("session", Node::Text(std::string{SessionName(m_market.CurrentSession())}))
       .Add("now", Node::Number(m_market.Now()))
       .Add("streams", std::move(streams))
+      .Add("events", std::move(events))
       .Add("symbols", m_sent.ToNode());
   return TextAnswer(200, "application/json", ToJson(state));
 }
@@ -178,6 +211,16 @@ bool Service::ApplyFault(const std::string& text) {
   }
   std::optional<Fault> fault = ParseFault(text);
   return fault && m_faults.Add(std::move(*fault));
+}
+
+// Of event streams, the open ones included.
+bool Service::ApplyRate(const std::string& text) {
+  double rate = 0;
+  const char* end = text.data() + text.size();
+  const auto [stop, error] = std::from_chars(text.data(), end, rate);
+  if (error != std::errc{} || stop != end || !(rate == 0 || (rate >= kLeastRate && rate <= kMostRate))) return false;
+  m_events.options.rate = rate;
+  return true;
 }
 
 // "SYM 12.34"

@@ -1,6 +1,7 @@
 // From a request to its answer: faults, provider endpoints, control endpoints and the log.
 #pragma once
 
+#include "simulator/event_stream.h"
 #include "simulator/faults.h"
 #include "simulator/http_message.h"
 #include "simulator/market.h"
@@ -23,6 +24,7 @@ std::optional<Provider> ParseProvider(std::string_view text);
 struct ServiceOptions {
   MarketOptions market;
   StreamOptions streams;
+  EventOptions events;
   std::optional<Provider> provider;  // the only one that is served; both when empty
   std::vector<Fault> faults;
   std::string logFile;  // none when empty
@@ -45,14 +47,18 @@ class Service {
   bool Serves(Provider provider) const { return !m_provider || *m_provider == provider; }
   // The path below TradeStation's base; nothing for other paths.
   std::optional<std::string_view> StationEndpoint(const HttpRequest& request) const;
+  // It asks for the market-events stream.
+  bool IsEvents(const HttpRequest& request) const;
   HttpAnswer Route(const HttpRequest& request, bool recorded);
   HttpAnswer Control(const HttpRequest& request);
   HttpAnswer State();
   bool ApplyFault(const std::string& text);
+  bool ApplyRate(const std::string& text);
   bool ApplyPrice(const std::string& text);
 
   Market m_market;
   SentState m_sent;
+  EventShared m_events;
   FaultList m_faults;
   RequestLog m_log;
   TradierApi m_tradier;

@@ -11,11 +11,14 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
+#include <array>
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <ostream>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 namespace quenmark::simulator {
 namespace {
@@ -50,6 +53,36 @@ void WriteFile(const std::string& name, const std::string& text) {
   if (!file) throw std::runtime_error("cannot write " + name);
 }
 
+constexpr std::array<std::pair<CertificateFault, std::string_view>, 5> kCertificateFaults{{
+    {CertificateFault::kNone, "good"},
+    {CertificateFault::kExpired, "expired"},
+    {CertificateFault::kOtherHost, "other-host"},
+    {CertificateFault::kNotYet, "not-yet"},
+    {CertificateFault::kUnknownIssuer, "unknown-issuer"},
+}};
+
+CertificateOptions OptionsFor(CertificateFault fault) {
+  using std::chrono::hours;
+  CertificateOptions options;
+  switch (fault) {
+    case CertificateFault::kExpired:
+      options.notBefore = hours{-48};
+      options.notAfter = hours{-24};
+      break;
+    case CertificateFault::kOtherHost:
+      options.dnsName = "stream.example.com";
+      options.address = "192.0.2.1";
+      break;
+    case CertificateFault::kNotYet:
+      options.notBefore = hours{24};
+      break;
+    case CertificateFault::kNone:
+    case CertificateFault::kUnknownIssuer:
+      break;
+  }
+  return options;
+}
+
 void UseCertificate(asio::ssl::context& context, const ServerCertificate& certificate) {
   context.set_options(asio::ssl::context::no_tlsv1 | asio::ssl::context::no_tlsv1_1);
   context.use_certificate(asio::buffer(certificate.certificate), asio::ssl::context::pem);
@@ -57,6 +90,13 @@ void UseCertificate(asio::ssl::context& context, const ServerCertificate& certif
 }
 
 }  // namespace
+
+std::optional<CertificateFault> ParseCertificateFault(std::string_view text) {
+  for (const auto& [fault, name] : kCertificateFaults) {
+    if (name == text) return fault;
+  }
+  return std::nullopt;
+}
 
 void RunSimulator(const SimulatorOptions& options, std::ostream& out) {
   signal(SIGPIPE, SIG_IGN);
@@ -69,19 +109,25 @@ void RunSimulator(const SimulatorOptions& options, std::ostream& out) {
     if (getppid() != parent) return;
   }
 
-  const ServerCertificate certificate = MakeServerCertificate({});
+  const Authority authority;
+  const Authority stranger;
   const PrivateFolder folder;
   const std::string authorityFile = folder.File("ca.pem");
-  WriteFile(authorityFile, certificate.authority);
+  WriteFile(authorityFile, authority.Pem());
   asio::ssl::context tls{asio::ssl::context::tls_server};
-  UseCertificate(tls, certificate);
+  UseCertificate(tls, authority.Sign({}));
+  asio::ssl::context wssTls{asio::ssl::context::tls_server};
+  const bool unknown = options.wssCertificate == CertificateFault::kUnknownIssuer;
+  UseCertificate(wssTls, (unknown ? stranger : authority).Sign(OptionsFor(options.wssCertificate)));
 
   Service service{options.service};
   const HttpServer https{io, &tls, options.httpsPort, service};
+  const HttpServer wss{io, &wssTls, options.wssPort, service};
   const HttpServer http{io, nullptr, options.httpPort, service};
   Node ready = Node::Object();
   ready.Add("https", Node::Number(https.Port()))
       .Add("http", Node::Number(http.Port()))
+      .Add("wss", Node::Number(wss.Port()))
       .Add("ca", Node::Text(authorityFile));
   out << ToJson(ready) << std::endl;
   io.run();

@@ -145,8 +145,8 @@ HttpAnswer FaultAnswer(int status, const std::string& text, const std::string& c
   return answer;
 }
 
-TradierApi::TradierApi(Market& market, SentState& sent, std::string token)
-    : m_market(market), m_sent(sent), m_token(std::move(token)) {}
+TradierApi::TradierApi(Market& market, SentState& sent, EventShared& events, std::string token)
+    : m_market(market), m_sent(sent), m_events(events), m_token(std::move(token)) {}
 
 HttpAnswer TradierApi::Answer(const HttpRequest& request, std::string_view endpoint, bool sandbox, bool recorded) {
   if (!HasBearer(request, m_token)) {
@@ -183,7 +183,9 @@ HttpAnswer TradierApi::Quotes(const HttpRequest& request, bool recorded) {
   Node body = Node::Object();
   if (!quotes.empty()) body.Add("quote", ProviderList(std::move(quotes)));
   if (!unmatched.empty()) body.Add("unmatched_symbols", Rooted("symbol", ProviderList(std::move(unmatched))));
-  return Rendered(request, Rooted("quotes", std::move(body)));
+  HttpAnswer answer = Rendered(request, Rooted("quotes", std::move(body)));
+  if (recorded) m_events.Note("quotes", answer.body);
+  return answer;
 }
 
 HttpAnswer TradierApi::TimeSales(const HttpRequest& request, bool recorded) {
@@ -241,9 +243,12 @@ HttpAnswer TradierApi::Lookup(const HttpRequest& request, bool recorded) {
 
 HttpAnswer TradierApi::StreamSession(const HttpRequest& request, std::string_view endpoint) {
   const std::string_view stream = endpoint.substr(0, endpoint.rfind('/'));
+  const std::string id = stream == "markets/events"
+                             ? m_events.sessions.Issue(std::string{request.Header("Authorization")}, m_market.Now())
+                             : fmt::format("a8638963-a6d4-4fb9-9bc6-{:012x}", ++m_accountSessions);
   Node session = Node::Object();
   session.Add("url", Node::Text(fmt::format("{}://{}/v1/{}", request.scheme, request.Header("Host"), stream)))
-      .Add("sessionid", Node::Text(fmt::format("c8638963-a6d4-4fb9-9bc6-{:012x}", ++m_sessions)));
+      .Add("sessionid", Node::Text(id));
   return Rendered(request, Rooted("stream", std::move(session)));
 }
 

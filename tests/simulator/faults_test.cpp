@@ -12,14 +12,17 @@ TEST(Faults, ReadsTheirText) {
   EXPECT_EQ(fault->delay, std::chrono::milliseconds{250});
   EXPECT_EQ(fault->path, "markets/quotes?x=1");
   EXPECT_EQ(fault->count, 3U);
-  for (const char* kind :
-       {"status401", "status429", "status500", "cut", "html", "empty", "huge", "stall", "drip", "end", "goaway"}) {
+  for (const char* kind : {"status401", "status429", "status500", "cut", "html", "empty", "huge", "stall", "drip",
+                           "end", "goaway", "tlsclose", "reset", "garbage", "halfframe"}) {
     const std::optional<Fault> plain = ParseFault(kind);
     ASSERT_TRUE(plain) << kind;
     EXPECT_EQ(FaultName(plain->kind), kind);
     EXPECT_EQ(plain->delay.count(), 0) << kind;
   }
-  for (const char* bad : {"", "none", "slowly", "slow-1", "cut*", "cut*0", "cut*x", "cut5", "@path", "status404"}) {
+  EXPECT_EQ(ParseFault("close")->closeCode, 1001);
+  EXPECT_EQ(ParseFault("close1011*2")->closeCode, 1011);
+  for (const char* bad :
+       {"", "close5000", "none", "slowly", "slow-1", "cut*", "cut*0", "cut*x", "cut5", "@path", "status404"}) {
     EXPECT_FALSE(ParseFault(bad)) << bad;
   }
 }
@@ -28,20 +31,26 @@ TEST(Faults, EndAfterTheirCount) {
   FaultList faults;
   faults.Add(*ParseFault("cut@/quotes*2"));
   faults.Add(*ParseFault("html"));
-  EXPECT_EQ(faults.Take("/v1/markets/clock", false)->kind, FaultKind::kHtml);
-  EXPECT_EQ(faults.Take("/v1/markets/quotes", false)->kind, FaultKind::kCut);
-  EXPECT_EQ(faults.Take("/v1/markets/quotes", false)->kind, FaultKind::kCut);
-  EXPECT_EQ(faults.Take("/v1/markets/quotes", false)->kind, FaultKind::kHtml);
+  EXPECT_EQ(faults.Take("/v1/markets/clock", FaultTarget::kAnswer)->kind, FaultKind::kHtml);
+  EXPECT_EQ(faults.Take("/v1/markets/quotes", FaultTarget::kAnswer)->kind, FaultKind::kCut);
+  EXPECT_EQ(faults.Take("/v1/markets/quotes", FaultTarget::kAnswer)->kind, FaultKind::kCut);
+  EXPECT_EQ(faults.Take("/v1/markets/quotes", FaultTarget::kAnswer)->kind, FaultKind::kHtml);
   faults.Clear();
-  EXPECT_FALSE(faults.Take("/v1/markets/quotes", false));
+  EXPECT_FALSE(faults.Take("/v1/markets/quotes", FaultTarget::kAnswer));
 }
 
 TEST(Faults, OfStreamsPassOtherRequests) {
+  FaultList mixed;
+  mixed.Add(*ParseFault("garbage"));
+  mixed.Add(*ParseFault("goaway"));
+  EXPECT_EQ(mixed.Take("/v3/marketdata/stream/quotes/A", FaultTarget::kQuoteStream)->kind, FaultKind::kGoAway);
+  EXPECT_EQ(mixed.Take("/v1/markets/events", FaultTarget::kEventStream)->kind, FaultKind::kGarbage);
+  EXPECT_FALSE(mixed.Take("/v1/markets/events/session", FaultTarget::kAnswer));
   FaultList faults;
   faults.Add(*ParseFault("stall*1"));
-  EXPECT_FALSE(faults.Take("/v3/marketdata/quotes/A", false));
-  EXPECT_EQ(faults.Take("/v3/marketdata/stream/quotes/A", true)->kind, FaultKind::kStall);
-  EXPECT_FALSE(faults.Take("/v3/marketdata/stream/quotes/A", true));
+  EXPECT_FALSE(faults.Take("/v3/marketdata/quotes/A", FaultTarget::kAnswer));
+  EXPECT_EQ(faults.Take("/v3/marketdata/stream/quotes/A", FaultTarget::kQuoteStream)->kind, FaultKind::kStall);
+  EXPECT_FALSE(faults.Take("/v3/marketdata/stream/quotes/A", FaultTarget::kQuoteStream));
 }
 
 }  // namespace
