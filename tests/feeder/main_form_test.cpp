@@ -61,7 +61,7 @@ class MainForm : public FeederFixture {
   static std::string NumberOf(const std::string& text) { return platform::NumberText(platform::ReadNumber(text)); }
 
   feeder::frmPBF& Start() {
-    form = std::make_unique<feeder::frmPBF>(context);
+    form = std::make_unique<feeder::frmPBF>(context, websocket::WebsocketServices{});
     form->Form_Load();
     return *form;
   }
