@@ -2,6 +2,7 @@
 
 #include "simulator/certificate.h"
 #include "simulator/http_server.h"
+#include "simulator/record_sealer.h"
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/signal_set.hpp>
@@ -85,6 +86,7 @@ CertificateOptions OptionsFor(CertificateFault fault) {
 
 void UseCertificate(asio::ssl::context& context, const ServerCertificate& certificate) {
   context.set_options(asio::ssl::context::no_tlsv1 | asio::ssl::context::no_tlsv1_1);
+  RecordSealer::Watch(context.native_handle());
   context.use_certificate(asio::buffer(certificate.certificate), asio::ssl::context::pem);
   context.use_private_key(asio::buffer(certificate.key), asio::ssl::context::pem);
 }

@@ -23,43 +23,55 @@ TlsPipe::TlsPipe(Socket socket, SSL* ssl)
     : m_socket(std::move(socket)),
       m_ssl(ssl),
       m_received(BIO_new(BIO_s_mem())),
-      m_gathered(BIO_new(BIO_s_mem())),
+      m_written(BIO_new(BIO_s_mem())),
+      m_sealer(RecordSealer::Take(ssl)),
       m_input(kInputSize) {
-  if (m_received == nullptr || m_gathered == nullptr) throw std::runtime_error("out of memory");
+  if (m_received == nullptr || m_written == nullptr) throw std::runtime_error("out of memory");
   BIO_set_mem_eof_return(m_received, -1);
   SSL_up_ref(m_ssl);
-  SSL_set_bio(m_ssl, m_received, m_gathered);
+  SSL_set_bio(m_ssl, m_received, m_written);
 }
 
 TlsPipe::~TlsPipe() {
   SSL_free(m_ssl);
 }
 
+bool TlsPipe::Fail() {
+  ERR_clear_error();
+  m_failed = true;
+  return false;
+}
+
 bool TlsPipe::Write(std::string_view data) {
   while (!m_failed && !data.empty()) {
-    constexpr std::size_t kMost = std::numeric_limits<int>::max();
-    const int count = SSL_write(m_ssl, data.data(), static_cast<int>(std::min(data.size(), kMost)));
-    if (count <= 0) {
-      ERR_clear_error();
-      m_failed = true;
-      break;
+    const std::string_view piece = data.substr(0, RecordSealer::kMostPlaintext);
+    data.remove_prefix(piece.size());
+    if (m_sealer) {
+      if (!m_sealer->Seal(RecordSealer::kApplicationData, piece, m_waiting)) return Fail();
+    } else {
+      if (SSL_write(m_ssl, piece.data(), static_cast<int>(piece.size())) <= 0) return Fail();
+      TakeWritten();
     }
-    data.remove_prefix(static_cast<std::size_t>(count));
   }
   return !m_failed;
 }
 
-std::size_t TlsPipe::Waiting() const {
-  return m_output.size() + BIO_ctrl_pending(m_gathered);
+// What libssl wrote. Once its place is taken it has nothing to say that the client could read.
+void TlsPipe::TakeWritten() {
+  char* begin = nullptr;
+  const auto size = static_cast<std::size_t>(BIO_get_mem_data(m_written, &begin));
+  if (size == 0) return;
+  if (m_sealer) {
+    m_failed = true;
+  } else {
+    m_waiting.append(begin, size);
+  }
+  static_cast<void>(BIO_reset(m_written));
 }
 
 void TlsPipe::Flush() {
-  if (m_sending || m_failed) return;
-  char* begin = nullptr;
-  const auto size = static_cast<std::size_t>(BIO_get_mem_data(m_gathered, &begin));
-  if (size == 0) return;
-  m_output.assign(begin, begin + size);
-  static_cast<void>(BIO_reset(m_gathered));
+  if (m_sending || m_failed || m_waiting.empty()) return;
+  m_output.swap(m_waiting);
   m_sending = true;
   asio::async_write(m_socket, asio::buffer(m_output), [this, owner = m_owner.lock()](error_code error, std::size_t) {
     m_sending = false;
@@ -71,9 +83,15 @@ void TlsPipe::Flush() {
 }
 
 void TlsPipe::Notify() {
+  constexpr std::string_view kCloseNotify{"\1\0", 2};  // a warning
   if (m_failed) return;
-  SSL_shutdown(m_ssl);
-  ERR_clear_error();
+  if (m_sealer) {
+    if (!m_sealer->Seal(RecordSealer::kAlert, kCloseNotify, m_waiting)) Fail();
+  } else {
+    SSL_shutdown(m_ssl);
+    ERR_clear_error();
+    TakeWritten();
+  }
 }
 
 void TlsPipe::Close() {
@@ -93,6 +111,7 @@ void TlsPipe::Read(asio::mutable_buffer room, Completion done) {
   if (count > 0) return Finish(done, {}, static_cast<std::size_t>(count));
   const int reason = SSL_get_error(m_ssl, count);
   ERR_clear_error();
+  TakeWritten();
   if (reason == SSL_ERROR_ZERO_RETURN) return Finish(done, asio::error::eof, 0);
   if (reason != SSL_ERROR_WANT_READ) return Finish(done, asio::error::connection_reset, 0);
   Flush();  // an answer to the handshake message just read

@@ -2,6 +2,8 @@
 // out with one send. So a burst of small records costs few system calls.
 #pragma once
 
+#include "simulator/record_sealer.h"
+
 #include <boost/asio/async_result.hpp>
 #include <boost/asio/buffer.hpp>
 #include <boost/asio/ip/tcp.hpp>
@@ -40,7 +42,7 @@ class TlsPipe {
   // `data` as records of its own, gathered. False when the connection is over.
   bool Write(std::string_view data);
   // Gathered bytes that are not with the system yet.
-  std::size_t Waiting() const;
+  std::size_t Waiting() const { return m_output.size() + m_waiting.size(); }
   bool Sending() const { return m_sending; }
   bool Failed() const { return m_failed; }
   // Sends what has gathered, and what gathers meanwhile.
@@ -85,14 +87,18 @@ class TlsPipe {
   }
   void Read(boost::asio::mutable_buffer room, Completion done);
   void WriteAll(const std::string& bytes, const Completion& done);
+  bool Fail();
+  void TakeWritten();
   void Finish(const Completion& done, boost::system::error_code error, std::size_t count);
 
   Socket m_socket;
   SSL* m_ssl;
-  BIO* m_received;  // owned by m_ssl, as is m_gathered
-  BIO* m_gathered;
+  BIO* m_received;  // owned by m_ssl, as is m_written
+  BIO* m_written;
+  std::unique_ptr<RecordSealer> m_sealer;  // writes in libssl's place; may be null
   std::vector<char> m_input;
-  std::vector<char> m_output;  // being sent
+  std::string m_output;   // being sent
+  std::string m_waiting;  // to be sent then
   std::weak_ptr<void> m_owner;
   bool m_sending = false;
   bool m_failed = false;
