@@ -30,7 +30,9 @@ std::string FileText(const std::string& path) {
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
-std::string Stamp(const std::string& epochMilliseconds, int gmtOffsetMinutes) {
+}  // namespace
+
+std::string StampOf(const std::string& epochMilliseconds, int gmtOffsetMinutes) {
   const time_t local = std::stoll(epochMilliseconds) / 1000 - gmtOffsetMinutes * 60;
   tm parts{};
   gmtime_r(&local, &parts);
@@ -38,8 +40,6 @@ std::string Stamp(const std::string& epochMilliseconds, int gmtOffsetMinutes) {
   strftime(text.data(), text.size(), "%Y%m%d%H%M%S", &parts);
   return text.data();
 }
-
-}  // namespace
 
 std::string NumberOf(const std::string& text) {
   return platform::NumberText(platform::ReadNumber(text));
@@ -91,7 +91,7 @@ std::string Market::SentRecord(const std::string& symbol, int gmtOffsetMinutes) 
     record += "-" + NumberOf(text(price) == "null" ? text("last") : text(price));
   }
   record += "-" + (text("volume") == "0" ? "1" : text("volume"));
-  return record + "-1-1-" + Stamp(text("trade_date"), gmtOffsetMinutes);
+  return record + "-1-1-" + StampOf(text("trade_date"), gmtOffsetMinutes);
 }
 
 std::string Market::SentBook(const std::string& symbol) const {
@@ -101,7 +101,8 @@ std::string Market::SentBook(const std::string& symbol) const {
   return text("bid") + "|" + text("bidsize") + "@" + text("ask") + "|" + text("asksize");
 }
 
-FeederHome::FeederHome(const Market& market) : m_store(platform::SqliteStore::Open(StoreFile(), m_clock)) {
+FeederHome::FeederHome(const Market& market, Endpoint endpoint)
+    : m_app(endpoint == Endpoint::kLive ? kLiveApp : kApp), m_store(platform::SqliteStore::Open(StoreFile(), m_clock)) {
   m_options.environment = {{"FEEDER_STORE", StoreFile()},
                            {"FEEDER_HOME", Path()},
                            {"FEEDER_LOG", "debug"},
@@ -111,6 +112,12 @@ FeederHome::FeederHome(const Market& market) : m_store(platform::SqliteStore::Op
   Configure("q", kTokenBase64);
   Configure("t", kCredentialBase64);
   Configure("EP", market.Simulator().SecureBase() + "/sandbox/v1/");
+  if (endpoint == Endpoint::kSandbox) return;
+  Configure("#", "1");
+  Set("Quenmark", "Hosts", "TimeZone", market.Simulator().SecureBase());
+  Configure("EP", market.Simulator().SecureBase() + "/v1/");
+  Set("Quenmark", "Hosts", "Stream",
+      "wss://localhost:" + std::to_string(market.Simulator().HttpsPort()) + "/v1/markets/events");
 }
 
 void FeederHome::Set(std::string_view application, std::string_view section, std::string_view key,
@@ -124,8 +131,8 @@ std::string FeederHome::Get(std::string_view application, std::string_view secti
 }
 
 void FeederHome::OpenChart(const std::string& symbol, bool described) {
-  if (described) m_store->SaveSetting(kApp, "Descs", symbol, "described");
-  Set(kApp, "GrafAbertPapel", "chart-" + symbol, symbol);
+  if (described) m_store->SaveSetting(m_app, "Descs", symbol, "described");
+  Set(m_app, "GrafAbertPapel", "chart-" + symbol, symbol);
 }
 
 std::unique_ptr<ChildProcess> FeederHome::Start() {

@@ -49,6 +49,8 @@ class Market {
 };
 
 std::string NumberOf(const std::string& text);
+// Unix milliseconds as yyyymmddHHMMss in a zone that many minutes west.
+std::string StampOf(const std::string& epochMilliseconds, int gmtOffsetMinutes);
 
 class FeederHome {
  public:
@@ -56,8 +58,11 @@ class FeederHome {
   static constexpr const char* kToken = "token-9d41c7";
   static constexpr const char* kCredential = "credential-5be20a";
 
-  // A sandbox feeder of the market, over HTTPS.
-  explicit FeederHome(const Market& market);
+  static constexpr const char* kLiveApp = "Quenmark_Tradier_1_";
+
+  enum class Endpoint { kSandbox, kLive };
+  // A feeder of the market, over HTTPS; a live one takes the market's event stream.
+  explicit FeederHome(const Market& market, Endpoint endpoint = Endpoint::kSandbox);
 
   const std::string& Path() const { return m_folder.Path(); }
   std::string StoreFile() const { return m_folder.File("settings.db"); }
@@ -65,7 +70,7 @@ class FeederHome {
   void Configure(std::string_view key, std::string_view value) { Set("Quenmark", "API", key, value); }
   std::string Get(std::string_view application, std::string_view section, std::string_view key);
   // Of section "Feeder".
-  std::string Record(std::string_view key) { return Get(kApp, "Feeder", key); }
+  std::string Record(std::string_view key) { return Get(m_app, "Feeder", key); }
   // Opens a chart; `described` symbols already have a description, so that nothing is asked for it.
   void OpenChart(const std::string& symbol, bool described = true);
   platform::SettingsStore& Store() { return *m_store; }
@@ -76,6 +81,7 @@ class FeederHome {
   std::string Settings(const std::vector<std::string>& arguments, const std::string& input = "") const;
 
  private:
+  const char* m_app;
   TemporaryFolder m_folder;
   platform::SystemClock m_clock;
   std::unique_ptr<platform::SqliteStore> m_store;

@@ -16,6 +16,8 @@ class SimulatorProcess {
 
   int HttpsPort() const { return m_httpsPort; }
   int HttpPort() const { return m_httpPort; }
+  // Serves the same with the certificate that --wss-certificate names.
+  int WssPort() const { return m_wssPort; }
   const std::string& CaFile() const { return m_caFile; }
   // "http://127.0.0.1:PORT", and the same over TLS under the name localhost.
   std::string PlainBase() const;
@@ -29,6 +31,7 @@ class SimulatorProcess {
   ChildProcess m_process;
   int m_httpsPort = 0;
   int m_httpPort = 0;
+  int m_wssPort = 0;
   std::string m_caFile;
 };
 
