@@ -1,80 +1,20 @@
 // Feeds answers to the snapshot writer, over a store in memory, and checks what it wrote.
 #include "feeder/quote_snapshot.h"
 
-#include "feeder/records.h"
-#include "tests/support/manual_clock.h"
-#include "tests/support/memory_store.h"
+#include "fuzz/offline_feeder.h"
 
 #include <cstdint>
-#include <cstdlib>
-#include <string>
-
-namespace {
-
-using namespace quenmark;
-
-// Descriptions come from the store or from here, never from a network.
-class NoRequest final : public platform::HttpRequest {
- public:
-  void Open(std::string_view, std::string_view) override {}
-  void setRequestHeader(std::string_view, std::string_view) override {}
-  void Send(std::string_view) override {}
-  int Status() const override { return 404; }
-  const std::string& responseText() const override { return m_answer; }
-
- private:
-  std::string m_answer;
-};
-
-class NoHttp final : public platform::HttpClient {
- public:
-  std::unique_ptr<platform::HttpRequest> CreateRequest() override { return std::make_unique<NoRequest>(); }
-  std::unique_ptr<platform::HttpStream> CreateStream() override { return nullptr; }
-  void SetLimits(const platform::HttpLimits&) override {}
-};
-
-class NoProcesses final : public platform::ProcessList {
- public:
-  std::vector<platform::ProcessEntry> List() override { return {}; }
-  bool End(platform::ProcessId) override { return false; }
-  int Launch(const std::string&) override { return 0; }
-};
-
-// Every quote record has ten fields, and a stamp at its end.
-void CheckRecords(platform::SettingsStore& store, std::string_view application) {
-  for (const auto& [key, value] : store.GetAllSettings(application, "Feeder")) {
-    if (key.ends_with("-pc") || key.ends_with("-all") || key.ends_with("-bid@ask")) continue;
-    const auto fields = feeder::SplitQuoteRecord(value);
-    std::size_t dashes = 0;
-    for (const char c : value) dashes += c == '-' ? 1 : 0;
-    if (dashes != feeder::kQuoteFields - 1 || !feeder::IsStamp(fields[feeder::kStamp])) std::abort();
-  }
-}
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static test::ManualClock clock;
-  static platform::MessageLoop loop(clock);
-  static platform::Log log;
-  NoHttp http;
-  NoProcesses processes;
-  test::MemoryStore store;
-  providers::Context context{.store = store,
-                             .loop = loop,
-                             .clock = clock,
-                             .http = http,
-                             .processes = processes,
-                             .log = log,
-                             .programFolder = "/nonexistent",
-                             .endProcess = [] { throw 1; }};
-  context.settingsApp = "app";
+  using namespace quenmark;
+  static fuzz::OfflineFeeder offline;
   const std::string_view text(reinterpret_cast<const char*>(data), size);
+  offline.store = {};
   for (const char* provider : {"Sandbox tradier", "Tradestation copy"}) {
-    context.providerName = provider;
-    feeder::ApplyQuoteSnapshot(context, text);
+    offline.context.providerName = provider;
+    feeder::ApplyQuoteSnapshot(offline.context, text);
   }
-  CheckRecords(store, "app");
-  CheckRecords(store, "Dovecrest");
+  fuzz::CheckRecords(offline.store, "app");
+  fuzz::CheckRecords(offline.store, "Dovecrest");
   return 0;
 }
