@@ -41,7 +41,7 @@ async def pieces(socket, data):
     while random.random() < 0.8 and data:
         size = random.randrange(len(data))
         yield data[:size]
-        await socket.ping(b"between")
+        await socket.ping()
         data = data[size:]
     yield data
 
