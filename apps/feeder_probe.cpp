@@ -1,4 +1,6 @@
-// feeder-probe: diagnostic clients and servers on this system's own TLS code.
+// feeder-probe: diagnostic clients and servers on this system's own TLS and WebSocket code.
+#include "apps/probe/usage_error.h"
+#include "apps/probe/websocket_probe.h"
 #include "platform/clock.h"
 #include "platform/files.h"
 #include "platform/message_loop.h"
@@ -26,6 +28,7 @@
 namespace {
 
 using namespace quenmark;
+using probe::UsageError;
 using tls::cTlsSocket;
 
 constexpr int kExitClean = 0;
@@ -53,10 +56,8 @@ struct Arguments {
 
   tls::VerifyOptions verify;
   std::string verifyTime;
-};
 
-struct UsageError {
-  std::string text;
+  probe::WebsocketArguments websocket;
 };
 
 std::uint32_t Features(const Arguments& given) {
@@ -338,14 +339,17 @@ void Describe(CLI::App& app, Arguments& given) {
   verify.add_option("--roots", given.verify.rootsFile, "PEM file of the only roots to trust");
   verify.add_option("--time", given.verifyTime, "RFC 3339 or Unix seconds; now by default");
   verify.add_flag("--revocation", given.verify.checkRevocation, "Ask for revocation lists");
+
+  probe::DescribeWebsocket(app, given.websocket);
 }
 
 int Run(const CLI::App& app, Arguments& given) {
   platform::IgnoreBrokenPipes();
   platform::SystemClock clock;
   platform::MessageLoop loop(clock);
-  const platform::StopSignals signals(loop, [&] { loop.Quit(); });
   const std::string& name = app.get_subcommands().front()->get_name();
+  if (name == "ws") return probe::RunWebsocket(loop, given.websocket);
+  const platform::StopSignals signals(loop, [&] { loop.Quit(); });
   if (name == "verify") return Verify(loop, given);
   if (name == "tls-server") return std::make_shared<Server>(loop, given)->Run();
   const auto client = std::make_shared<Client>(loop, given);
@@ -355,7 +359,7 @@ int Run(const CLI::App& app, Arguments& given) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  CLI::App app{"Diagnostic clients and servers on the feeder's own TLS code", "feeder-probe"};
+  CLI::App app{"Diagnostic clients and servers on the feeder's own TLS and WebSocket code", "feeder-probe"};
   Arguments given;
   Describe(app, given);
   try {

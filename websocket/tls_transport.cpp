@@ -13,6 +13,8 @@ namespace quenmark::websocket {
 
 namespace {
 
+constexpr std::int32_t kIpprotoTcp = 6;
+constexpr std::int32_t kTcpNoDelay = 1;
 constexpr std::size_t kWorthCompacting = std::size_t{256} << 10;  // bytes sent in front of what waits
 
 BytesView AsBytes(std::string_view text) {
@@ -32,7 +34,10 @@ class TlsTransport final : public Transport, public tls::TlsSocketEvents {
 
   bool Connect(const std::string& host, std::int32_t port, bool useTls, std::uint32_t localFeatures) override {
     if (useTls && !m_rootsFile.empty() && !m_socket->PkiPemImportRootCaCertStore(m_rootsFile)) return false;
-    return m_socket->Connect(host, port, useTls, localFeatures);
+    if (!m_socket->Connect(host, port, useTls, localFeatures)) return false;
+    // A frame goes out when it is made: behind another one that is not acknowledged it would wait up to 40 ms.
+    m_socket->Socket()->SetSockOpt(kTcpNoDelay, 1, kIpprotoTcp);
+    return true;
   }
 
   // A TLS engine that has said close_notify counts as open until the peer has too; without a socket it never will.
