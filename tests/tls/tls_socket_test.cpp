@@ -328,6 +328,36 @@ TEST_P(TlsSocketTest, ClientCertificateIsAskedFor) {
   }
 }
 
+// The chain is judged again, and the certificate must be the same one.
+TEST_P(TlsSocketTest, RenegotiationIsJudgedAgain) {
+  if (GetParam() != TLS1_2_VERSION) return;
+  for (const std::string text : {"", "The certificate has expired", "The server certificate has changed"}) {
+    m_judge->valid = true;
+    ConnectPair();
+    m_judge->valid = !text.ends_with("expired");
+    SSL* peer = m_peer->ssl.Handle();
+    if (text.ends_with("changed")) UseIdentity(peer, IdentityOf(KeyKind::kP384));
+    m_judge->meanwhile = [&] { EXPECT_TRUE(m_socket->SendText("kept")); };
+    const int asked = std::exchange(m_judge->asked, 0);
+    EXPECT_EQ(asked, 1);
+    SSL_renegotiate(peer);
+    SSL_do_handshake(peer);
+    m_peer->Flush();
+    if (text.empty()) {
+      ASSERT_TRUE(Wait([&] { return PeerText() == "kept"; }));
+      EXPECT_EQ(m_judge->asked, 1);
+      EXPECT_TRUE(m_owner->events.empty());
+    } else {
+      ASSERT_TRUE(WaitFor("OnError 80040000 1"));
+      EXPECT_EQ(m_socket->LastError().description, text);
+      EXPECT_TRUE(m_socket->IsClosed());
+      EXPECT_EQ(PeerText(), "");
+    }
+    m_judge->meanwhile = nullptr;
+    m_judge->asked = 0;
+  }
+}
+
 // --- Server ----------------------------------------------------------------------------------------------------------
 
 TEST_P(TlsSocketTest, AcceptsAsAServer) {
