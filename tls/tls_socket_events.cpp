@@ -95,6 +95,8 @@ void cTlsSocket::OnError(cAsyncSocket& /*socket*/, std::int32_t errorCode, std::
     m_transportError = errorCode;
     if ((eventMask & kFdClose) != 0) TlsClose(m_context);
     if (m_waits > 0) m_oSocket->SyncCancelWait();
+    // A peer that has said good-bye may answer this side's with a reset. The owner has been told of the end.
+    if (m_closeRaised) return;
   }
   pvRaise(&TlsSocketEvents::OnError, errorCode, eventMask);
 }

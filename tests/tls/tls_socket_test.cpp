@@ -247,16 +247,22 @@ TEST_P(TlsSocketTest, MuchDataThroughASlowPeer) {
   EXPECT_TRUE(m_peer->ssl.plaintext == data);
 }
 
-TEST_P(TlsSocketTest, CloseAndDropInEveryHandler) {
-  for (const bool drop : {false, true}) {
+// The transport closed, the socket dropped, or the peer resetting the connection.
+TEST_P(TlsSocketTest, EndInEveryHandler) {
+  enum class End { kClose, kDrop, kReset };
+  for (const End end : {End::kClose, End::kDrop, End::kReset}) {
     for (const std::string where : {"Before 16", "OnConnect", "After 16", "Before 2", "OnSend", "Before 1", "OnReceive",
-                                    "After 1", "Before 32", "OnClose 0"}) {
+                                    "After 1", "Before 32", "OnClose 0", "OnError 80040000 1"}) {
+      if (where.starts_with("OnError") && end == End::kReset) continue;
+      SCOPED_TRACE(where + " " + std::to_string(static_cast<int>(end)));
+      m_judge->valid = !where.starts_with("OnError");
       m_owner->events.clear();
       m_owner->notify = true;
       m_owner->act = [&](cTlsSocket& socket, const std::string& event) {
         if (event != where) return;
-        if (drop) m_socket.reset();
-        if (!drop) socket.Socket()->Close_();
+        if (end == End::kClose) socket.Socket()->Close_();
+        if (end == End::kDrop) m_socket.reset();
+        if (end == End::kReset) PlainReset(m_peer->descriptor);
       };
       const int port = Serve(ServerOptions());
       m_socket = NewSocket();
@@ -268,10 +274,19 @@ TEST_P(TlsSocketTest, CloseAndDropInEveryHandler) {
           m_peer->CloseNotify();
         }
         return m_owner->Saw(where);
-      })) << where;
+      }));
+      if (end == End::kReset) {
+        // Told once, as an error or, behind the peer's close_notify, as the end.
+        const auto isEnd = [](const std::string& event) { return event == "OnError 2746 32" || event == "OnClose 0"; };
+        const auto ends = [&] { return std::count_if(m_owner->events.begin(), m_owner->events.end(), isEnd); };
+        ASSERT_TRUE(Wait([&] { return ends() > 0; }));
+        Settle();
+        EXPECT_EQ(ends(), 1) << testing::PrintToString(m_owner->events);
+        continue;
+      }
       Settle();
-      EXPECT_EQ(m_owner->events.back(), where) << (drop ? "drop" : "close");
-      EXPECT_EQ(m_socket == nullptr, drop);
+      EXPECT_EQ(m_owner->events.back(), where);
+      EXPECT_EQ(m_socket == nullptr, end == End::kDrop);
     }
   }
 }
