@@ -246,13 +246,13 @@ class Server final : public tls::TlsSocketEvents, public std::enable_shared_from
     if (m_given.once) m_listener->Socket()->Close_();
   }
   void OnReceive(cTlsSocket& socket) override {
+    Connection& connection = m_connections[&socket];
     tls::Bytes& data = m_buffer;
-    if (!socket.ReceiveArray(data) || m_given.mode == "discard") return;
+    if (connection.full || !socket.ReceiveArray(data) || m_given.mode == "discard") return;
     if (m_given.mode == "echo") {
-      socket.SendArray(data);
+      if (socket.SendArray(data)) connection.full = socket.HasPendingEvent();
       return;
     }
-    Connection& connection = m_connections[&socket];
     if (connection.answered) return;
     connection.head.append(data.begin(), data.end());
     if (connection.head.find("\r\n\r\n") != std::string::npos) {
@@ -263,6 +263,9 @@ class Server final : public tls::TlsSocketEvents, public std::enable_shared_from
     } else if (connection.head.size() > kMaxRequestHead) {
       Finish(socket, kExitTls);
     }
+  }
+  void OnSend(cTlsSocket& socket) override {
+    if (std::exchange(m_connections[&socket].full, false) && socket.AvailableBytes() > 0) OnReceive(socket);
   }
   void OnClose(cTlsSocket& socket) override {
     if (socket.LastError().number != 0) PrintError(socket);
@@ -278,6 +281,7 @@ class Server final : public tls::TlsSocketEvents, public std::enable_shared_from
     std::shared_ptr<cTlsSocket> socket;
     std::string head;
     bool answered = false;
+    bool full = false;  // nothing is read while the peer does not take its echo
   };
 
   void Finish(cTlsSocket& socket, int exit) {

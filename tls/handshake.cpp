@@ -34,6 +34,11 @@ bool IsOrdered(std::uint8_t type) {
   }
 }
 
+[[noreturn]] void InvalidState(State state) {
+  throw ProtocolFailure{fmt::format("Invalid state for handshake content ({})", StateName(state)),
+                        alert::kHandshakeFailure};
+}
+
 void Dispatch(Context& context, const Message& message) {
   using namespace message;
   switch (Key(context.state, message.type)) {
@@ -59,17 +64,15 @@ void Dispatch(Context& context, const Message& message) {
     case Key(State::kPostHandshake, kNewSessionTicket):
     case Key(State::kPostHandshake, kKeyUpdate):
     case Key(State::kPostHandshake, kCertificateRequest):
+    case Key(State::kShutdown, kHelloRequest):
+    case Key(State::kShutdown, kNewSessionTicket):
+    case Key(State::kShutdown, kKeyUpdate):
+    case Key(State::kShutdown, kCertificateRequest):
       return OnPostHandshake(context, message);
     default:
+      if (context.state == State::kShutdown) InvalidState(context.state);
       if (context.state == State::kExpectExtensions && !IsOrdered(message.type)) return SkipMessage(context, message);
       UnexpectedMessage(context.state, message.type);
-  }
-}
-
-void RequireProcessing(State state) {
-  if (state < State::kExpectServerHello || state == State::kShutdown) {
-    throw ProtocolFailure{fmt::format("Invalid state for handshake content ({})", StateName(state)),
-                          alert::kHandshakeFailure};
   }
 }
 
@@ -92,7 +95,7 @@ void RequireHandshakeLimit(const Context& context, const Message& message) {
 }  // namespace
 
 void ParseHandshake(Context& context, BytesView content) {
-  RequireProcessing(context.state);
+  if (context.state < State::kExpectServerHello) InvalidState(context.state);
   Bytes joined = std::move(context.reassembly);
   context.reassembly.clear();
   const bool reassembling = !joined.empty();
@@ -105,7 +108,6 @@ void ParseHandshake(Context& context, BytesView content) {
     rest = rest.subspan(size);
     const BulkCipher* keys = context.remote.cipher.get();
     RequireHandshakeLimit(context, message);
-    RequireProcessing(context.state);
     Dispatch(context, message);
     if (context.state == State::kClosed) return;
     // No message may begin before a change of keys and go on behind it (RFC 8446 §5.1).

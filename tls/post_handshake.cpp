@@ -1,6 +1,7 @@
 #include "tls/post_handshake.h"
 
 #include "tls/client_handshake.h"
+#include "tls/engine.h"
 #include "tls/key_schedule.h"
 #include "tls/secrets.h"
 
@@ -13,6 +14,7 @@ constexpr std::uint8_t kLevelWarning = 1;
 void OnHelloRequest(Context& context, const Message& message) {
   if (!message.body.empty()) InvalidSize(MessageName(message.type));
   CountIdle(context, content_type::kHandshake);
+  if (TlsIsShutdown(context)) return;
   // RFC 5746 §4.2: without the extension a renegotiation may be an attacker's.
   if (!context.secureRenegotiation) return WriteAlert(context, kLevelWarning, alert::kNoRenegotiation);
   // The version stays.
@@ -43,12 +45,13 @@ void OnKeyUpdate(Context& context, const Message& message) {
   if (requestUpdate > 1) throw ProtocolFailure{"Invalid key update request", alert::kIllegalParameter};
   CountIdle(context, content_type::kHandshake);
   pvTlsDeriveKeyUpdate(context, true, false);
-  if (requestUpdate == 1) SendKeyUpdate(context);
+  if (requestUpdate == 1 && !TlsIsShutdown(context)) SendKeyUpdate(context);
 }
 
 // RFC 8446 §4.6.2: every request goes on from the handshake's own transcript.
 void OnCertificateRequest(Context& context, const Message& message) {
   CountIdle(context, content_type::kHandshake);
+  if (TlsIsShutdown(context)) return;
   PrepareClientAuthentication(context, kVersionTls13, message);
   Hash running = context.postHandshakeDigest;
   running.Update(message.whole);
@@ -62,6 +65,7 @@ void OnCertificateRequest(Context& context, const Message& message) {
 
 }  // namespace
 
+// After this side's close_notify the peer's messages still count, but none is answered (RFC 8446 §6.1).
 void OnPostHandshake(Context& context, const Message& message) {
   const bool tls13 = context.protocolVersion == kVersionTls13;
   const bool client = !context.isServer;

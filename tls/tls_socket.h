@@ -203,6 +203,7 @@ class cTlsSocket : public std::enable_shared_from_this<cTlsSocket>,
   // A change of connection, a closed transport or a dropped socket. Needs a Keep.
   bool pvGoneSince(std::uint64_t generation) const;
   void pvRaiseEngineError(std::int32_t eventMask);
+  void pvRaiseSendFailure(std::int32_t eventMask);
   void pvRaiseClose();
   // False when the ending is an error, or the connection did not outlive it.
   bool pvRaiseEnding();

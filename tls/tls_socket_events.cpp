@@ -50,6 +50,10 @@ void cTlsSocket::pvRaiseEngineError(std::int32_t eventMask) {
   pvRaise(&TlsSocketEvents::OnError, LastError().number, eventMask);
 }
 
+void cTlsSocket::pvRaiseSendFailure(std::int32_t eventMask) {
+  OnError(*m_oSocket, m_oSocket->LastError(), eventMask);
+}
+
 void cTlsSocket::pvRaiseClose() {
   if (std::exchange(m_closeRaised, true)) return;
   m_oSocket->SetLastError(0);
@@ -60,7 +64,10 @@ bool cTlsSocket::pvRaiseEnding() {
   if (!m_ending.pending) return true;
   const std::uint64_t generation = m_generation;
   const Ending ending = std::exchange(m_ending, {});
-  if (ending.error != 0) pvRaise(&TlsSocketEvents::OnError, ending.error, kFdRead);
+  if (ending.error != 0) {
+    if (LastError().number != ending.error) m_oSocket->SetLastError(ending.error);
+    pvRaise(&TlsSocketEvents::OnError, ending.error, kFdRead);
+  }
   if (pvGoneSince(generation)) return false;
   if (ending.close) pvRaiseClose();
   return ending.error == 0 && !pvGoneSince(generation);
@@ -88,6 +95,8 @@ void cTlsSocket::OnError(cAsyncSocket& /*socket*/, std::int32_t errorCode, std::
     m_transportError = errorCode;
     if ((eventMask & kFdClose) != 0) TlsClose(m_context);
     if (m_waits > 0) m_oSocket->SyncCancelWait();
+    // A peer that has said good-bye may answer this side's with a reset. The owner has been told of the end.
+    if (m_closeRaised) return;
   }
   pvRaise(&TlsSocketEvents::OnError, errorCode, eventMask);
 }
@@ -131,7 +140,7 @@ void cTlsSocket::OnReceive(cAsyncSocket& /*socket*/) {
 void cTlsSocket::OnSend(cAsyncSocket& /*socket*/) {
   if (!m_useTls) return pvRaise(&TlsSocketEvents::OnSend);
   const Keep keep(*this, 1);
-  if (!pvOnSend()) return pvRaise(&TlsSocketEvents::OnError, m_oSocket->LastError(), kFdWrite);
+  if (!pvOnSend()) return pvRaiseSendFailure(kFdWrite);
   if (pvEstablished() && pvDrained()) pvNotify(kFdWrite, &TlsSocketEvents::OnSend);
 }
 
@@ -236,7 +245,8 @@ void cTlsSocket::pvNoteEnding(bool good, bool closeAfterError) {
 cTlsSocket::Step cTlsSocket::pvReceiveStep(BytesView input, Reader reader) {
   const bool good = TlsReceive(m_context, input, m_plain, m_out);
   pvNoteEnding(good, false);
-  pvOnSend();  // a fault of the transport comes as its own event
+  const bool sent = pvOnSend();
+  if (!sent && !m_ending.pending) m_ending = {true, m_transportError = m_oSocket->LastError(), false};
   return reader == Reader::kClose && !input.empty() && !m_ending.pending ? Step::kMore : Step::kStop;
 }
 
@@ -245,8 +255,12 @@ cTlsSocket::Step cTlsSocket::pvHandshakeStep(BytesView input, Reader reader) {
   const bool good = TlsHandshake(m_context, input, m_out);  // may ask the owner for a certificate
   if (pvGoneSince(generation)) return Step::kGone;
   pvNoteEnding(good, true);
-  pvOnSend();
+  const bool sent = pvOnSend();
   pvResumeClose();
+  if (!sent && !m_ending.pending) {
+    pvRaiseSendFailure(kFdRead);
+    if (pvGoneSince(generation)) return Step::kGone;
+  }
   // A peer may send everything, its end included, in one go with the last message of the handshake.
   const bool endedBehindIt = m_ending.pending && m_context.handshakeWasComplete && !m_established;
   if (!TlsIsReady(m_context) && !endedBehindIt) {
@@ -324,7 +338,10 @@ bool cTlsSocket::pvFinishHandshake() {
       return false;
     }
   }
-  pvOnSend();
+  if (!pvOnSend()) {
+    pvRaiseSendFailure(kFdWrite);
+    if (pvGoneSince(generation)) return false;
+  }
   if (!first) return true;
   return pvNotify(kFdConnect, &TlsSocketEvents::OnConnect) &&
          (m_isServer || pvNotify(kFdWrite, &TlsSocketEvents::OnSend));

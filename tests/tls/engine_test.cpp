@@ -427,16 +427,20 @@ TEST(TlsEngine, ShutdownOnceAndThenNoMore) {
   EXPECT_EQ(out.size(), size);
   EXPECT_FALSE(TlsSend(context, Pattern(3), out));
   EXPECT_TRUE(TlsIsShutdown(context));
-  // Data still comes in; handshake messages have no place any more.
-  connected.peer.Send(Pattern(20));
-  Bytes plaintext;
-  EXPECT_TRUE(TlsReceive(context, connected.peer.TakeOutput(), plaintext, out));
-  EXPECT_EQ(plaintext, Pattern(20));
-  SSL_key_update(connected.peer.Handle(), SSL_KEY_UPDATE_NOT_REQUESTED);
+  // The other direction goes on: data, keys, tickets; nothing is answered (RFC 8446 §6.1).
+  SSL_new_session_ticket(connected.peer.Handle());
+  SSL_key_update(connected.peer.Handle(), SSL_KEY_UPDATE_REQUESTED);
   SSL_do_handshake(connected.peer.Handle());
-  EXPECT_FALSE(TlsReceive(context, connected.peer.TakeOutput(), plaintext, out));
-  EXPECT_EQ(context.lastError.description, "Invalid state for handshake content (Shutdown)");
-  EXPECT_EQ(context.lastError.alertCode, 40);
+  connected.peer.Send(Pattern(20));
+  const std::size_t tickets = context.sessionTickets.size();
+  Bytes plaintext;
+  EXPECT_TRUE(TlsReceive(context, connected.peer.TakeOutput(), plaintext, out)) << LastError(context);
+  EXPECT_EQ(plaintext, Pattern(20));
+  EXPECT_GT(context.sessionTickets.size(), tickets);
+  EXPECT_EQ(out.size(), size);
+  SSL_shutdown(connected.peer.Handle());
+  EXPECT_TRUE(TlsReceive(context, connected.peer.TakeOutput(), plaintext, out)) << LastError(context);
+  EXPECT_EQ(context.state, State::kClosed);
 }
 
 TEST(TlsEngine, HelpersRaiseTheirErrors) {

@@ -477,6 +477,34 @@ TEST(HostilePeer, LaterRecordsAreRefused) {
   }
 }
 
+// Behind this side's close_notify what asks for an answer gets none, and other messages have no place.
+TEST(HostilePeer, AfterTheOwnCloseNotify) {
+  struct Row {
+    std::uint32_t features;
+    const char* message;
+    const char* text;  // empty: taken
+  };
+  const Row rows[] = {
+      {k12, "00000000", ""},
+      {k13, "0D00000B000008000D000400020403", ""},
+      {k13, "14000000", "Invalid state for handshake content (Shutdown)"},
+      {k13, "1800000102", "Invalid key update request"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.message);
+    Scenario scenario;
+    scenario.Run(Under::kClient, row.features, kNothing);
+    Bytes plaintext;
+    Bytes output;
+    ASSERT_TRUE(tls::TlsShutdown(scenario.client, output));
+    output.clear();
+    const Item item{22, row.features == k12 ? 0x0303 : 0x0304, Hex(row.message)};
+    EXPECT_EQ(tls::TlsReceive(scenario.client, Encode({item}, true), plaintext, output), *row.text == '\0');
+    EXPECT_EQ(scenario.client.lastError.description, row.text);
+    EXPECT_EQ(output.empty(), *row.text == '\0');
+  }
+}
+
 TEST(HostilePeer, HelloRetryRequestRules) {
   const auto retry = [](const char* extensions) {
     return Instead(2, {22, 0, [&] {

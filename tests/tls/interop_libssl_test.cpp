@@ -1,4 +1,5 @@
 // The engine against libssl, in memory, in both roles.
+#include "platform/byte_cursor.h"
 #include "tests/tls/peers.h"
 
 #include <gtest/gtest.h>
@@ -224,6 +225,62 @@ TEST(InteropLibssl, ClientCertificateOfEveryKind) {
       ExpectTraffic(engine, peer);
     }
   }
+}
+
+// What libssl saw of the client's authentication, to the byte, and its signature checked over the messages it saw.
+TEST(InteropLibssl, ClientAuthenticationToTheByte) {
+  struct Seen {
+    Bytes all;
+    std::vector<Bytes> fromClient;
+  } seen;
+  EnginePeer engine;
+  Owner owner(engine, &IdentityOf(KeyKind::kP256));
+  LibsslPeer peer({.identity = &IdentityOf(KeyKind::kRsa2048), .version = TLS1_3_VERSION, .requireCertificate = true});
+  SSL_set_msg_callback_arg(peer.Handle(), &seen);
+  SSL_set_msg_callback(peer.Handle(), [](int out, int, int type, const void* data, std::size_t size, SSL*, void* to) {
+    if (type != SSL3_RT_HANDSHAKE) return;
+    auto& record = *static_cast<Seen*>(to);
+    const auto* bytes = static_cast<const std::uint8_t*>(data);
+    if (out == 0) record.fromClient.emplace_back(bytes, bytes + size);
+    if (record.fromClient.size() < 3) record.all.insert(record.all.end(), bytes, bytes + size);
+  });
+  engine.StartClient(kTls13, "localhost", "", &owner);
+  ExpectReady(engine, peer);
+  ASSERT_EQ(seen.fromClient.size(), 4u);  // hello, certificate, verify, finished
+  const Bytes& own = IdentityOf(KeyKind::kP256).certificate;
+  Bytes expected;
+  platform::ByteWriter writer(expected);
+  writer.U8(11);
+  writer.Block(3, [&] {
+    writer.U8(0);  // request context
+    writer.Block(3, [&] {
+      writer.AppendBlock(3, own);
+      writer.U16(0);  // extensions
+    });
+  });
+  EXPECT_EQ(ToHex(seen.fromClient[1]), ToHex(expected));
+
+  Bytes content(64, 0x20);
+  for (const char c : std::string_view("TLS 1.3, client CertificateVerify"))
+    content.push_back(static_cast<std::uint8_t>(c));
+  content.push_back(0);
+  Bytes digest(48);  // of the suite that libssl prefers, by libssl's own library
+  ASSERT_EQ(EVP_Digest(seen.all.data(), seen.all.size(), digest.data(), nullptr,
+                       SSL_CIPHER_get_handshake_digest(SSL_get_current_cipher(peer.Handle())), nullptr),
+            1);
+  digest.resize(static_cast<std::size_t>(
+      EVP_MD_get_size(SSL_CIPHER_get_handshake_digest(SSL_get_current_cipher(peer.Handle())))));
+  content.insert(content.end(), digest.begin(), digest.end());
+  platform::ByteReader verify(seen.fromClient[2]);
+  verify.Take(4);
+  EXPECT_EQ(verify.U16(), 0x0403);
+  const tls::BytesView signature = verify.TakeBlock(2);
+  EXPECT_TRUE(verify.Done());
+  EVP_MD_CTX* check = EVP_MD_CTX_new();
+  EVP_DigestVerifyInit(check, nullptr, EVP_sha256(), nullptr,
+                       X509_get0_pubkey(SSL_get0_peer_certificate(peer.Handle())));
+  EXPECT_EQ(EVP_DigestVerify(check, signature.data(), signature.size(), content.data(), content.size()), 1);
+  EVP_MD_CTX_free(check);
 }
 
 TEST(InteropLibssl, ClientCertificateAskedForAndNotGiven) {

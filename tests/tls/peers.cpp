@@ -58,17 +58,17 @@ void Require(bool done, const char* what) {
   if (!done) throw std::runtime_error(what);
 }
 
-void UseIdentity(SSL_CTX* context, const Identity& identity) {
+}  // namespace
+
+void UseIdentity(SSL* peer, const Identity& identity) {
   const unsigned char* position = identity.privateKey.data();
   EVP_PKEY* key = d2i_AutoPrivateKey(nullptr, &position, static_cast<long>(identity.privateKey.size()));
-  Require(SSL_CTX_use_certificate_ASN1(context, static_cast<int>(identity.certificate.size()),
-                                       identity.certificate.data()) == 1,
-          "certificate");
-  Require(SSL_CTX_use_PrivateKey(context, key) == 1, "private key");
+  Require(
+      SSL_use_certificate_ASN1(peer, identity.certificate.data(), static_cast<int>(identity.certificate.size())) == 1,
+      "certificate");
+  Require(SSL_use_PrivateKey(peer, key) == 1, "private key");
   EVP_PKEY_free(key);
 }
-
-}  // namespace
 
 LibsslPeer::LibsslPeer(const PeerOptions& options)
     : m_context(SSL_CTX_new(options.server ? TLS_server_method() : TLS_client_method())) {
@@ -87,7 +87,6 @@ LibsslPeer::LibsslPeer(const PeerOptions& options)
   if (!options.groups.empty()) Require(SSL_CTX_set1_groups_list(m_context, options.groups.c_str()) == 1, "groups");
   SSL_CTX_set_options(m_context, options.options);
   SSL_CTX_set_session_cache_mode(m_context, SSL_SESS_CACHE_OFF);
-  if (options.identity != nullptr) UseIdentity(m_context, *options.identity);
   int verify = SSL_VERIFY_NONE;
   if (options.requestCertificate) verify = SSL_VERIFY_PEER;
   if (options.requireCertificate) verify |= SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT;
@@ -98,6 +97,7 @@ LibsslPeer::LibsslPeer(const PeerOptions& options)
     SSL_CTX_set_alpn_select_cb(m_context, SelectAlpn, &alpnName);
   }
   m_ssl = SSL_new(m_context);
+  if (options.identity != nullptr) UseIdentity(m_ssl, *options.identity);
   SSL_set_bio(m_ssl, BIO_new(BIO_s_mem()), BIO_new(BIO_s_mem()));
   if (!options.alpn.empty() && !options.server) {
     std::string wire(1, static_cast<char>(options.alpn.size()));

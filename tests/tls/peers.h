@@ -72,6 +72,8 @@ class LibsslPeer {
   std::string m_error;
 };
 
+void UseIdentity(SSL* peer, const Identity& identity);
+
 // Moves bytes both ways until neither side has any left. With `random` the bytes arrive in pieces of random size.
 void Converse(EnginePeer& engine, LibsslPeer& peer, std::mt19937* random = nullptr);
 

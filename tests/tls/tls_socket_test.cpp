@@ -1,213 +1,19 @@
 #include "tls/tls_socket.h"
 
 #include "platform/winsock_errors.h"
-#include "tests/support/child_process.h"
-#include "tests/support/plain_socket.h"
-#include "tests/support/temporary_folder.h"
-#include "tests/tls/peers.h"
+#include "tests/tls/tls_socket_fixture.h"
 
-#include <fcntl.h>
-#include <fmt/format.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <sys/socket.h>
-
-#include <fstream>
 
 namespace quenmark::test {
 namespace {
 
-using tls::cTlsSocket;
-using tls::kFeatureIgnoreCertificateErrors;
-using Events = std::vector<std::string>;
-
-tls::BytesView View(std::string_view text) {
-  return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
-}
-std::string Text(const tls::Bytes& bytes) {
-  return {bytes.begin(), bytes.end()};
-}
-
-// Accepts what the test says, and notes what it was asked.
-struct Judge final : tls::CertificateServices {
-  bool valid = true;
-  std::string host;
-  std::size_t chainLength = 0;
-  bool withRoots = false;
-  bool revocation = false;
-  int asked = 0;
-  std::function<void()> meanwhile;
-
-  bool ValidateChain(const tls::ChainRequest& request, tls::CertificateError& error) override {
-    ++asked;
-    host = request.remoteHostName;
-    chainLength = request.chain->size();
-    withRoots = request.rootStore != nullptr;
-    revocation = request.checkRevocation;
-    if (meanwhile) meanwhile();
-    if (!valid) error = {tls::kEngineError, "The certificate has expired", "elsewhere"};
-    return valid;
-  }
-  static bool Give(tls::Identity& identity) {
-    const Identity& own = IdentityOf(KeyKind::kP256);
-    identity = {{own.certificate}, {own.privateKey.begin(), own.privateKey.end()}};
-    return true;
-  }
-  bool ImportPem(std::string_view files, tls::Identity& identity, tls::CertificateError& error) override {
-    if (files == "good.pem") return Give(identity);
-    error = {53, "File not found", "cTlsSocket.PkiPemImportCertificates"};
-    return false;
-  }
-  bool ImportPkcs12(std::string_view, std::string_view, tls::Identity& identity, tls::CertificateError&) override {
-    return Give(identity);
-  }
-  bool ImportRoots(std::string_view, std::shared_ptr<const tls::RootStore>& store, tls::CertificateError&) override {
-    store = std::make_shared<tls::RootStore>();
-    return true;
-  }
-  bool MakeSelfSigned(std::string_view, tls::Identity& identity, tls::CertificateError&) override {
-    return Give(identity);
-  }
-};
-
-// Writes events down as "OnConnect", "OnError number mask"…, and then runs what the test set for it.
-struct Owner final : tls::TlsSocketEvents {
-  Events events;
-  std::string received;
-  bool notify = false;
-  bool reads = true;
-  std::int32_t cancel = 0;
-  std::function<void(cTlsSocket&, const std::string&)> act;
-  std::function<bool(cTlsSocket&)> certificate;
-
-  void Note(cTlsSocket& socket, std::string event) {
-    events.push_back(event);
-    if (act) act(socket, event);
-  }
-  void OnResolve(cTlsSocket& socket, std::string_view address) override {
-    Note(socket, fmt::format("OnResolve {}", address));
-  }
-  void OnAccept(cTlsSocket& socket) override { Note(socket, "OnAccept"); }
-  void OnClose(cTlsSocket& socket) override { Note(socket, fmt::format("OnClose {}", socket.LastError().number)); }
-  void OnConnect(cTlsSocket& socket) override { Note(socket, "OnConnect"); }
-  void OnReceive(cTlsSocket& socket) override {
-    if (reads) {
-      tls::Bytes data;
-      EXPECT_TRUE(socket.ReceiveArray(data));
-      received += Text(data);
-    }
-    Note(socket, "OnReceive");
-  }
-  void OnSend(cTlsSocket& socket) override { Note(socket, "OnSend"); }
-  void OnError(cTlsSocket& socket, std::int32_t number, std::int32_t mask) override {
-    EXPECT_EQ(socket.LastError().number, number);
-    Note(socket, fmt::format("OnError {:X} {}", static_cast<std::uint32_t>(number), mask));
-  }
-  void BeforeNotify(cTlsSocket& socket, std::int32_t mask, bool& handled) override {
-    handled = (cancel & mask) != 0;
-    if (notify) Note(socket, fmt::format("Before {}", mask));
-  }
-  void AfterNotify(cTlsSocket& socket, std::int32_t mask) override {
-    if (notify) Note(socket, fmt::format("After {}", mask));
-  }
-  void OnClientCertificate(cTlsSocket& socket, const std::vector<tls::Bytes>&, bool& confirmed) override {
-    Note(socket, "OnClientCertificate");
-    confirmed = certificate && certificate(socket);
-  }
-  bool Saw(std::string_view event) const { return std::count(events.begin(), events.end(), event) > 0; }
-};
-
-// libssl behind a plain descriptor, moved on by a timer of the loop.
-struct WirePeer {
-  explicit WirePeer(const PeerOptions& options) : ssl(options) {}
-
-  void Pump() {
-    if (descriptor < 0) return;
-    tls::Bytes part(65536);
-    for (ssize_t count = 0; !holdsBack && (count = recv(descriptor, part.data(), part.size(), MSG_DONTWAIT)) >= 0;) {
-      atEnd |= count == 0;
-      if (count == 0) break;
-      ssl.Feed(tls::BytesView(part).first(static_cast<std::size_t>(count)));
-    }
-    ssl.Run();
-    Flush();
-  }
-  void Flush() {
-    const tls::Bytes output = ssl.TakeOutput();
-    if (!output.empty()) PlainSend(descriptor, {reinterpret_cast<const char*>(output.data()), output.size()});
-  }
-  void Send(std::string_view text) {
-    ssl.Send(View(text));
-    Flush();
-  }
-  void CloseNotify() {
-    SSL_shutdown(ssl.Handle());
-    Flush();
-  }
-
-  LibsslPeer ssl;
-  Descriptor descriptor;
-  bool holdsBack = false;  // reads nothing
-  bool atEnd = false;
-};
-
-class TlsSocketTest : public testing::TestWithParam<int> {
+class TlsSocketTest : public testing::TestWithParam<int>, protected TlsSocketFixture {
  protected:
-  using milliseconds = std::chrono::milliseconds;
-
-  TlsSocketTest() { m_pump.SetEnabled(true); }
-
-  std::shared_ptr<cTlsSocket> NewSocket() {
-    auto socket = cTlsSocket::New(m_loop, m_judge);
-    socket->SetEvents(m_owner);
-    return socket;
-  }
-  bool Wait(const std::function<bool()>& done) {
-    return m_loop.WaitUntil(done, m_clock.Monotonic() + std::chrono::seconds{20});
-  }
-  bool WaitFor(std::string_view event) {
-    return Wait([&] { return m_owner->Saw(event); });
-  }
-  // Lets everything that is on its way arrive.
-  void Settle() { m_loop.Sleep(milliseconds{10}); }
-
-  PeerOptions ServerOptions() const {
+  static PeerOptions ServerOptions() {
     return {.server = true, .identity = &IdentityOf(KeyKind::kP256), .version = GetParam()};
   }
-  // A listening libssl server that answers the one connection made to it.
-  int Serve(const PeerOptions& options) {
-    m_listener = Descriptor(PlainListener());
-    fcntl(m_listener, F_SETFL, O_NONBLOCK);
-    m_peer = std::make_unique<WirePeer>(options);
-    return PortOf(m_listener);
-  }
-  void Pump() {
-    if (m_peer == nullptr) return;
-    if (m_peer->descriptor < 0 && m_listener >= 0) {
-      const int accepted = accept4(m_listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-      if (accepted >= 0) m_peer->descriptor = Descriptor(accepted);
-    }
-    m_peer->Pump();
-  }
-  // A client that is connected, its events so far forgotten.
-  void ConnectPair(std::uint32_t features = 0) {
-    const int port = Serve(ServerOptions());
-    m_socket = NewSocket();
-    ASSERT_TRUE(m_socket->Connect("127.0.0.1", port, true, features));
-    ASSERT_TRUE(WaitFor("OnSend")) << m_socket->LastError().description;
-    ASSERT_TRUE(Wait([&] { return m_peer->ssl.Ready(); }));
-    m_owner->events.clear();
-  }
-  std::string PeerText() const { return Text(m_peer->ssl.plaintext); }
-
-  platform::SystemClock m_clock;
-  platform::MessageLoop m_loop{m_clock};
-  std::shared_ptr<Judge> m_judge = std::make_shared<Judge>();
-  std::shared_ptr<Owner> m_owner = std::make_shared<Owner>();
-  Descriptor m_listener;
-  std::unique_ptr<WirePeer> m_peer;
-  std::shared_ptr<cTlsSocket> m_socket;
-  platform::Timer m_pump{m_loop, milliseconds{1}, [this] { Pump(); }};
+  void ConnectPair(std::uint32_t features = 0) { TlsSocketFixture::ConnectPair(ServerOptions(), features); }
 };
 
 INSTANTIATE_TEST_SUITE_P(Versions, TlsSocketTest, testing::Values(TLS1_2_VERSION, TLS1_3_VERSION),
@@ -414,8 +220,6 @@ TEST_P(TlsSocketTest, UnreadPlaintextPausesReading) {
 
 TEST_P(TlsSocketTest, CloseSendsCloseNotifyAndLeavesTheHandle) {
   ConnectPair();
-  // The engine takes no tickets once it has said good-bye.
-  ASSERT_TRUE(Wait([&] { return GetParam() == TLS1_2_VERSION || m_socket->Engine().sessionTickets.size() == 2; }));
   ASSERT_TRUE(m_socket->SendText("bye"));
   ASSERT_TRUE(m_socket->Close_());
   EXPECT_GE(m_socket->SocketHandle(), 0);
@@ -443,16 +247,22 @@ TEST_P(TlsSocketTest, MuchDataThroughASlowPeer) {
   EXPECT_TRUE(m_peer->ssl.plaintext == data);
 }
 
-TEST_P(TlsSocketTest, CloseAndDropInEveryHandler) {
-  for (const bool drop : {false, true}) {
+// The transport closed, the socket dropped, or the peer resetting the connection.
+TEST_P(TlsSocketTest, EndInEveryHandler) {
+  enum class End { kClose, kDrop, kReset };
+  for (const End end : {End::kClose, End::kDrop, End::kReset}) {
     for (const std::string where : {"Before 16", "OnConnect", "After 16", "Before 2", "OnSend", "Before 1", "OnReceive",
-                                    "After 1", "Before 32", "OnClose 0"}) {
+                                    "After 1", "Before 32", "OnClose 0", "OnError 80040000 1"}) {
+      if (where.starts_with("OnError") && end == End::kReset) continue;
+      SCOPED_TRACE(where + " " + std::to_string(static_cast<int>(end)));
+      m_judge->valid = !where.starts_with("OnError");
       m_owner->events.clear();
       m_owner->notify = true;
       m_owner->act = [&](cTlsSocket& socket, const std::string& event) {
         if (event != where) return;
-        if (drop) m_socket.reset();
-        if (!drop) socket.Socket()->Close_();
+        if (end == End::kClose) socket.Socket()->Close_();
+        if (end == End::kDrop) m_socket.reset();
+        if (end == End::kReset) PlainReset(m_peer->descriptor);
       };
       const int port = Serve(ServerOptions());
       m_socket = NewSocket();
@@ -464,10 +274,19 @@ TEST_P(TlsSocketTest, CloseAndDropInEveryHandler) {
           m_peer->CloseNotify();
         }
         return m_owner->Saw(where);
-      })) << where;
+      }));
+      if (end == End::kReset) {
+        // Told once, as an error or, behind the peer's close_notify, as the end.
+        const auto isEnd = [](const std::string& event) { return event == "OnError 2746 32" || event == "OnClose 0"; };
+        const auto ends = [&] { return std::count_if(m_owner->events.begin(), m_owner->events.end(), isEnd); };
+        ASSERT_TRUE(Wait([&] { return ends() > 0; }));
+        Settle();
+        EXPECT_EQ(ends(), 1) << testing::PrintToString(m_owner->events);
+        continue;
+      }
       Settle();
-      EXPECT_EQ(m_owner->events.back(), where) << (drop ? "drop" : "close");
-      EXPECT_EQ(m_socket == nullptr, drop);
+      EXPECT_EQ(m_owner->events.back(), where);
+      EXPECT_EQ(m_socket == nullptr, end == End::kDrop);
     }
   }
 }
@@ -521,6 +340,36 @@ TEST_P(TlsSocketTest, ClientCertificateIsAskedFor) {
     ASSERT_TRUE(WaitFor("OnConnect")) << m_socket->LastError().description;
     EXPECT_EQ(m_owner->events[0], "OnClientCertificate");
     ASSERT_TRUE(Wait([&] { return m_peer->ssl.Ready(); }));
+  }
+}
+
+// The chain is judged again, and the certificate must be the same one.
+TEST_P(TlsSocketTest, RenegotiationIsJudgedAgain) {
+  if (GetParam() != TLS1_2_VERSION) return;
+  for (const std::string text : {"", "The certificate has expired", "The server certificate has changed"}) {
+    m_judge->valid = true;
+    ConnectPair();
+    m_judge->valid = !text.ends_with("expired");
+    SSL* peer = m_peer->ssl.Handle();
+    if (text.ends_with("changed")) UseIdentity(peer, IdentityOf(KeyKind::kP384));
+    m_judge->meanwhile = [&] { EXPECT_TRUE(m_socket->SendText("kept")); };
+    const int asked = std::exchange(m_judge->asked, 0);
+    EXPECT_EQ(asked, 1);
+    SSL_renegotiate(peer);
+    SSL_do_handshake(peer);
+    m_peer->Flush();
+    if (text.empty()) {
+      ASSERT_TRUE(Wait([&] { return PeerText() == "kept"; }));
+      EXPECT_EQ(m_judge->asked, 1);
+      EXPECT_TRUE(m_owner->events.empty());
+    } else {
+      ASSERT_TRUE(WaitFor("OnError 80040000 1"));
+      EXPECT_EQ(m_socket->LastError().description, text);
+      EXPECT_TRUE(m_socket->IsClosed());
+      EXPECT_EQ(PeerText(), "");
+    }
+    m_judge->meanwhile = nullptr;
+    m_judge->asked = 0;
   }
 }
 
@@ -626,41 +475,6 @@ TEST_P(TlsSocketTest, PassesThroughWithoutTls) {
   EXPECT_FALSE(m_socket->IsClosed());
   ASSERT_TRUE(m_socket->Close_());
   EXPECT_TRUE(m_socket->IsClosed());
-}
-
-// --- Independent programs --------------------------------------------------------------------------------------------
-
-TEST_P(TlsSocketTest, TalksToTheOpensslTools) {
-  const TemporaryFolder folder;
-  const Identity& own = IdentityOf(KeyKind::kP256);
-  std::ofstream(folder.File("own.pem")) << own.certificatePem << own.privateKeyPem;
-  const std::string version = GetParam() == TLS1_2_VERSION ? "-tls1_2" : "-tls1_3";
-  m_listener = Descriptor(PlainListener());
-  const int port = PortOf(m_listener);
-  m_listener.Close();
-  ChildProcess server("openssl", {"s_server", "-quiet", "-accept", fmt::format("127.0.0.1:{}", port), "-cert",
-                                  folder.File("own.pem"), "-key", folder.File("own.pem"), "-rev", version});
-  ASSERT_TRUE(Wait([&] {
-    m_socket = NewSocket();
-    return m_socket->SyncConnect("127.0.0.1", port, 2000, true, kFeatureIgnoreCertificateErrors);
-  }));
-  ASSERT_TRUE(m_socket->SendText("stressed\n"));
-  ASSERT_TRUE(Wait([&] { return m_owner->received == "desserts\n"; }));
-
-  const auto listener = NewSocket();
-  ASSERT_TRUE(listener->Create() && listener->Bind("127.0.0.1", 0) && listener->Listen());
-  ASSERT_TRUE(listener->InitServerTls());
-  m_socket.reset();
-  m_owner->act = [&](cTlsSocket& socket, const std::string& event) {
-    if (event == "OnAccept" && socket.Accept(m_socket)) m_socket->SetEvents(m_owner);
-    if (event == "OnConnect" && socket.SendText("greeting\n")) socket.Close_();
-  };
-  std::string address;
-  std::int32_t serverPort = 0;
-  ASSERT_TRUE(listener->GetSockName(address, serverPort));
-  ChildProcess client("openssl", {"s_client", "-quiet", "-connect", fmt::format("127.0.0.1:{}", serverPort), version});
-  ASSERT_TRUE(Wait([&] { return !client.Running(); }));
-  EXPECT_EQ(client.ReadAll(), "greeting\n");
 }
 
 }  // namespace
