@@ -1,6 +1,7 @@
 #include "simulator/universe.h"
 #include "tests/end_to_end/feeder_home.h"
 #include "tests/end_to_end/live_records.h"
+#include "tests/support/certificate.h"
 
 #include <gmock/gmock.h>
 #include <signal.h>
@@ -186,6 +187,33 @@ TEST_F(Live, ChartsSessionsAndCredentialsMayChangeInABurst) {
   EXPECT_TRUE(feeder->Running());
   home.Configure("t", "b3RoZXI=");
   ExpectEnd(*feeder, "the service credential has changed");
+}
+
+// The same session with a broker of another make, on node's TLS and WebSocket.
+TEST_F(Live, ASessionWithAnotherStack) {
+  const TemporaryFolder folder;
+  MakeCertificate(folder.File("both.pem"), folder.File("alone.pem"));
+  ChildProcess::Options options;
+  options.environment["NODE_PATH"] = "/usr/share/nodejs";
+  ChildProcess broker("node", {SOURCE_DIR "/tests/end_to_end/peers/market.js", folder.File("both.pem")}, options);
+  const std::string port = broker.ReadLine().value_or(broker.ErrorText());
+
+  const Market unused;
+  FeederHome home(unused, FeederHome::Endpoint::kLive);
+  home.Surroundings().environment["SSL_CERT_FILE"] = folder.File("alone.pem");
+  home.Surroundings().environment["TZ"] = "XYZ4";
+  home.Configure("EP", "https://localhost:" + port + "/v1/");
+  home.Set("Quenmark", "Hosts", "Stream", "wss://localhost:" + port + "/v1/markets/events");
+  home.OpenChart("QQQ");
+  const auto host = StartStandIn();
+  const auto feeder = home.Start();
+  EXPECT_EQ(broker.ReadLine(), R"({"symbols": ["QQQ"], "sessionid": "node-session-1", "linebreak": true})");
+  EXPECT_TRUE(Eventually([&] { return home.Record("QQQ-bid@ask") == "100.5|100@100.75|200"; }));
+  // Two trades a second, of which the first counts: 51 of them.
+  EXPECT_TRUE(Eventually([&] { return home.Record("QQQ") == "QQQ-311-0.32-310-311-309.25-1510-1-1-20201231164928"; }))
+      << home.Record("QQQ");
+  EXPECT_EQ(home.Record("QQQ-pc"), "310");
+  EXPECT_TRUE(feeder->Running()) << feeder->ErrorText();
 }
 
 }  // namespace
