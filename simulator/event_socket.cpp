@@ -88,6 +88,7 @@ class EventSocket : public std::enable_shared_from_this<EventSocket> {
   }
 
   void OnRead(error_code error) {
+    if (error == websocket::error::closed) return End("client " + std::to_string(m_ws.reason().code));
     if (error) return End("client");
     if (m_stopped) {
       m_buffer.clear();

@@ -72,6 +72,13 @@ void EventShared::ExpireSessions() {
   }
 }
 
+void EventShared::SetRate(double rate) {
+  options.rate = rate;
+  for (EventStream* stream : streams) {
+    if (stream->m_wake) stream->m_wake();
+  }
+}
+
 void EventShared::Note(std::string_view kind, std::string_view text) {
   log.Append(RealTime(), 0, kind, text);
   log.Flush();

@@ -56,6 +56,8 @@ struct EventShared {
 
   // Every session id is gone; the streams that use one are told and fall silent.
   void ExpireSessions();
+  // For open streams as well.
+  void SetRate(double rate);
   // Logs what is no stream's.
   void Note(std::string_view kind, std::string_view text);
   // Sends `text` as a message on every open stream.

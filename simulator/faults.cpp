@@ -83,6 +83,16 @@ std::optional<Fault> ParseFault(std::string_view text) {
   return std::nullopt;
 }
 
+namespace {
+
+// `path` with "$" at its end: the target ends there.
+bool Matches(std::string_view target, std::string_view path) {
+  if (!path.ends_with('$')) return target.find(path) != std::string_view::npos;
+  return target.ends_with(path.substr(0, path.size() - 1));
+}
+
+}  // namespace
+
 bool FaultList::Add(Fault fault) {
   if (m_faults.size() >= kMost) return false;
   m_faults.push_back(std::move(fault));
@@ -92,7 +102,7 @@ bool FaultList::Add(Fault fault) {
 std::optional<Fault> FaultList::Take(std::string_view target, FaultTarget what) {
   for (auto fault = m_faults.begin(); fault != m_faults.end(); ++fault) {
     const bool hits = (RowOf(fault->kind).targets >> static_cast<unsigned>(what) & 1U) != 0;
-    if (!hits || target.find(fault->path) == std::string_view::npos) continue;
+    if (!hits || !Matches(target, fault->path)) continue;
     const Fault taken = *fault;
     if (fault->count && --*fault->count == 0) m_faults.erase(fault);
     return taken;

@@ -38,7 +38,7 @@ enum class FaultTarget { kAnswer, kQuoteStream, kEventStream };
 
 struct Fault {
   FaultKind kind;
-  std::string path;                  // requests whose target contains it are hit; empty: every one
+  std::string path;  // requests whose target contains it (ends with it: "PATH$") are hit; empty: every one
   std::optional<std::size_t> count;  // requests left; empty: no end
   std::chrono::milliseconds delay{0};
   std::uint16_t closeCode = 0;  // kClose

@@ -219,7 +219,7 @@ bool Service::ApplyRate(const std::string& text) {
   const char* end = text.data() + text.size();
   const auto [stop, error] = std::from_chars(text.data(), end, rate);
   if (error != std::errc{} || stop != end || !(rate == 0 || (rate >= kLeastRate && rate <= kMostRate))) return false;
-  m_events.options.rate = rate;
+  m_events.SetRate(rate);
   return true;
 }
 

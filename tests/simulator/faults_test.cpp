@@ -45,6 +45,10 @@ TEST(Faults, OfStreamsPassOtherRequests) {
   mixed.Add(*ParseFault("goaway"));
   EXPECT_EQ(mixed.Take("/v3/marketdata/stream/quotes/A", FaultTarget::kQuoteStream)->kind, FaultKind::kGoAway);
   EXPECT_EQ(mixed.Take("/v1/markets/events", FaultTarget::kEventStream)->kind, FaultKind::kGarbage);
+  FaultList ends;
+  ends.Add(*ParseFault("cut@markets/events$"));
+  EXPECT_FALSE(ends.Take("/v1/markets/events/session", FaultTarget::kAnswer));
+  EXPECT_TRUE(ends.Take("/v1/markets/events", FaultTarget::kEventStream));
   EXPECT_FALSE(mixed.Take("/v1/markets/events/session", FaultTarget::kAnswer));
   FaultList faults;
   faults.Add(*ParseFault("stall*1"));

@@ -54,8 +54,9 @@ TEST(FeederSim, SignalsEndItCleanly) {
 }
 
 TEST(FeederSim, BadOptionsAreRefused) {
-  for (const Words& words : {Words{"--fault", "nonsense"}, Words{"--session", "lunch"}, Words{"--symbols", "0"},
-                             Words{"--rate", "0"}, Words{"--chunks", "odd"}, Words{"--provider", "any"}, Words{"x"}}) {
+  for (const Words& words :
+       {Words{"--fault", "nonsense"}, Words{"--session", "lunch"}, Words{"--symbols", "0"}, Words{"--rate", "-1"},
+        Words{"--event-kinds", "news"}, Words{"--chunks", "odd"}, Words{"--provider", "any"}, Words{"x"}}) {
     ChildProcess program{BIN_DIR "/feeder-sim", words};
     EXPECT_EQ(program.Wait(), 2) << words.back();
   }

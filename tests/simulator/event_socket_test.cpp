@@ -1,0 +1,147 @@
+#include "tests/simulator/event_client.h"
+#include "tests/support/temporary_folder.h"
+
+#include <gmock/gmock.h>
+
+#include <algorithm>
+
+namespace quenmark::test {
+namespace {
+
+namespace ssl = boost::asio::ssl;
+using ::testing::HasSubstr;
+
+std::vector<std::string> AsLogged(std::vector<std::string> messages) {
+  for (std::string& message : messages) {
+    if (message.ends_with('\n')) message.pop_back();
+    std::replace(message.begin(), message.end(), '\n', '\t');
+  }
+  return messages;
+}
+
+TEST(EventSocket, DeliversWhatItsLogTells) {
+  struct Row {
+    Words options;
+    bool deflate;
+  };
+  for (const Row& row : {Row{{"--rate", "0"}, false}, Row{{"--rate", "0", "--linebreak-batch", "3"}, false},
+                         Row{{"--rate", "0", "--deflate"}, true}, Row{{"--rate", "20000", "--latency"}, false},
+                         Row{{"--rate", "0", "--deflate"}, false}, Row{{"--rate", "0"}, true}}) {
+    TemporaryFolder folder;
+    Words options{"--events", "6000", "--event-log", folder.File("log")};
+    options.insert(options.end(), row.options.begin(), row.options.end());
+    Simulator simulator{options};
+    EventClient client{simulator, "https", row.deflate};
+    ASSERT_FALSE(client.Error()) << client.Error().message();
+    const bool compressed = row.deflate && row.options.back() == "--deflate";
+    EXPECT_EQ(client.Response().count(boost::beast::http::field::sec_websocket_extensions), compressed ? 1U : 0U);
+    client.Subscribe({"AAPL", "MSFT", "BRK/B"}, NewSession(simulator));
+    const std::size_t batch = row.options.size() > 3 && row.options[2] == "--linebreak-batch" ? 3 : 1;
+    const std::vector<std::string> messages = client.Read(6000 / batch);
+    ASSERT_FALSE(client.Error()) << client.Error().message();
+    EXPECT_EQ(AsLogged(messages), EventLogTexts(folder.File("log"), "events"));
+    EXPECT_EQ(simulator.Get("/sim/state").Parsed()["events"]["events"], 6000);
+    EXPECT_EQ(client.UntilPong(), std::vector<std::string>{}) << "nothing comes after the last event";
+  }
+}
+
+TEST(EventSocket, RatesKeepTheirPace) {
+  Simulator simulator{{"--rate", "0.01"}};
+  EventClient client{simulator};
+  client.Subscribe({"AAPL", "NOPE"}, NewSession(simulator));
+  EXPECT_EQ(client.Read(), R"({"error":"NOPE is not a valid symbol"})");
+  EXPECT_EQ(simulator.Control("message", "from outside"), 200);
+  EXPECT_EQ(client.Read(), "from outside") << "a message by hand, before the first event is due";
+  EXPECT_EQ(simulator.Control("rate", "100"), 200);
+  EXPECT_THAT(client.Read(), HasSubstr("AAPL"));
+  EXPECT_EQ(simulator.Control("sessions", "expire"), 200);
+  std::string last;
+  while (!client.Error() && last.find("error") == std::string::npos) last = client.Read();
+  EXPECT_EQ(last, R"({"error":"session not found"})");
+  for (const char* bad : {"-1", "fast", "2000000"}) EXPECT_EQ(simulator.Control("rate", bad), 400) << bad;
+}
+
+TEST(EventSocket, FaultsEndItTheirWay) {
+  struct Row {
+    const char* fault;
+    boost::system::error_code error;
+    const char* end;
+  };
+  for (const Row& row :
+       {Row{"close1011", boost::beast::websocket::error::closed, "close"},
+        Row{"tlsclose", boost::asio::error::eof, "tlsclose"}, Row{"cut", ssl::error::stream_truncated, "cut"},
+        Row{"halfframe", ssl::error::stream_truncated, "halfframe"},
+        Row{"reset", boost::asio::error::connection_reset, "reset"}, Row{"garbage", {}, "client 1002"}}) {
+    TemporaryFolder folder;
+    Simulator simulator{{"--rate", "1000", "--fault-turn", "5", "--fault", std::string{row.fault} + "@events$",
+                         "--event-log", folder.File("log")}};
+    {
+      EventClient client{simulator};
+      client.Subscribe({"AAPL"}, NewSession(simulator));
+      for (const std::string& message : client.Read(4)) EXPECT_THAT(message, HasSubstr("AAPL")) << row.fault;
+      EXPECT_EQ(client.Read(), "");
+      if (row.error) {  // else the client's answer, which the log tells, is what counts
+        EXPECT_EQ(client.Error(), row.error) << row.fault << ": " << client.Error().message();
+      }
+      if (row.end == std::string{"close"}) {
+        EXPECT_EQ(client.Reason().code, 1011);
+      }
+    }
+    EXPECT_EQ(EventLogTexts(folder.File("log"), "partial").size(), row.fault == std::string{"halfframe"} ? 1U : 0U);
+    while (simulator.Get("/sim/state").Parsed()["events"]["open"] != 0) continue;
+    EXPECT_EQ(EventLogTexts(folder.File("log"), "end"), std::vector<std::string>{row.end});
+  }
+}
+
+TEST(EventSocket, FaultsThatKeepItOpen) {
+  Simulator simulator{{"--rate", "1000", "--fault-turn", "3"}};
+  const std::string session = NewSession(simulator);
+  ASSERT_EQ(simulator.Control("fault", "stall*1"), 200);
+  {
+    EventClient client{simulator};
+    client.Subscribe({"AAPL"}, session);
+    client.Read(2);
+    EXPECT_EQ(client.UntilPong(), std::vector<std::string>{});
+  }
+  ASSERT_EQ(simulator.Control("fault", "drip*1"), 200);
+  {
+    EventClient client{simulator};
+    client.Subscribe({"AAPL"}, NewSession(simulator));
+    for (const std::string& message : client.Read(20)) EXPECT_TRUE(Json::accept(message));
+  }
+  ASSERT_EQ(simulator.Control("fault", "huge@events*1"), 200);
+  EventClient client{simulator};
+  client.Subscribe({"AAPL"}, NewSession(simulator));
+  EXPECT_EQ(client.Read(3).back().size(), 50'000'000U);
+}
+
+TEST(EventSocket, RefusedHandshakes) {
+  TemporaryFolder folder;
+  Simulator simulator{{"--fault", "status401@events$*1", "--fault", "html*1", "--log", folder.File("log")}};
+  for (int refused = 0; refused < 2; ++refused) {
+    EXPECT_EQ(EventClient{simulator}.Error(), boost::beast::websocket::error::upgrade_declined);
+  }
+  EXPECT_FALSE(EventClient{simulator}.Error());
+  std::vector<int> statuses;
+  for (const Json& line : LogLines(folder.File("log"))) statuses.push_back(line["status"]);
+  EXPECT_EQ(statuses, (std::vector{401, 200, 101}));
+}
+
+TEST(EventSocket, CertificatesOfTheSecondPort) {
+  struct Row {
+    const char* certificate;
+    long verdict;
+  };
+  for (const Row& row : {Row{"good", X509_V_OK}, Row{"expired", X509_V_ERR_CERT_HAS_EXPIRED},
+                         Row{"not-yet", X509_V_ERR_CERT_NOT_YET_VALID}, Row{"other-host", X509_V_ERR_UNSPECIFIED},
+                         Row{"unknown-issuer", X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY}}) {
+    Simulator simulator{{"--wss-certificate", row.certificate}};
+    EventClient client{simulator, "wss"};
+    EXPECT_EQ(!client.Error(), row.certificate == std::string{"good"}) << row.certificate;
+    EXPECT_EQ(client.Verdict(), row.verdict) << row.certificate;
+    EXPECT_FALSE(EventClient{simulator}.Error()) << "the first port is not concerned";
+  }
+}
+
+}  // namespace
+}  // namespace quenmark::test
