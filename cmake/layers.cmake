@@ -1,8 +1,18 @@
-# layer(NAME [DEPENDS LAYER...] [LIBRARIES LIB...]): a folder of the source tree as one static library. Every .cpp of the
-# folder belongs to it; a folder without sources yet is an interface to the layers below it.
+# layer(NAME [FOLDER FOLDER] [ONLY REGEX] [EXCEPT REGEX] [DEPENDS LAYER...] [LIBRARIES LIB...]): a folder of the source
+# tree as one static library. Every .cpp of the folder belongs to it, as far as ONLY and EXCEPT let it; a folder without
+# sources yet is an interface to the layers below it.
 function(layer name)
-  cmake_parse_arguments(arg "" "" "DEPENDS;LIBRARIES" ${ARGN})
-  file(GLOB_RECURSE sources CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/${name}/*.cpp)
+  cmake_parse_arguments(arg "" "FOLDER;ONLY;EXCEPT" "DEPENDS;LIBRARIES" ${ARGN})
+  if(NOT arg_FOLDER)
+    set(arg_FOLDER ${name})
+  endif()
+  file(GLOB_RECURSE sources CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/${arg_FOLDER}/*.cpp)
+  if(arg_ONLY)
+    list(FILTER sources INCLUDE REGEX ${arg_ONLY})
+  endif()
+  if(arg_EXCEPT)
+    list(FILTER sources EXCLUDE REGEX ${arg_EXCEPT})
+  endif()
   if(sources)
     add_library(${name} STATIC ${sources})
     set(scope PUBLIC)
