@@ -43,7 +43,8 @@ int Run(platform::Log& log) {
                              .programFolder = platform::ProgramFolder(),
                              .endProcess = [] { std::_Exit(0); }};
   running = &context;
-  feeder::frmPBF form(context, websocket::MakeWebsocketServices(loop, tls::MakeCertificateServices(loop)));
+  const auto certificates = tls::MakeCertificateServices(loop);
+  feeder::frmPBF form(context, websocket::MakeWebsocketServices(loop, certificates), certificates);
   form.Form_Load();
   loop.Run();
   return 0;

@@ -34,18 +34,22 @@ std::string FirstCharacters(const std::string& text, std::size_t count) {
 
 }  // namespace
 
-frmPBF::frmPBF(providers::Context& context, websocket::WebsocketServices streamServices)
+frmPBF::frmPBF(providers::Context& context, websocket::WebsocketServices streamServices,
+               std::shared_ptr<tls::CertificateServices> certificates)
     : m_context(context),
       m_timer1(
           context.loop, 3000ms, [this] { Timer1_Timer(); }, platform::TimerKind::kMainTick),
       m_timer2(context.loop, 500ms, [this] { m_stationStream.Restart(); }),
-      m_timerNews(context.loop, 30000ms, [this] { PollNews(); }),
+      m_timerNews(context.loop, 30000ms, [this] { m_newsFeed.Poll(); }),
       m_timerClose(context.loop, 60000ms, [this] { TimerClose_Timer(); }),
-      m_timerwTS(context.loop, 500ms, [this] { m_timerwTS.SetEnabled(false); }),
+      m_timerwTS(context.loop, 500ms, [this] { m_vendorQuotes.TimerwTS_Timer(); }),
       m_tradierPolling(context, m_openSymbols, m_subscribedList,
                        [this](std::chrono::milliseconds interval) { m_timer1.SetInterval(interval); }),
       m_tradierStream(context, m_openSymbols, m_subscribedList, m_timerClose, std::move(streamServices)),
-      m_stationStream(context, m_openSymbols, m_subscribedList, m_timer2) {}
+      m_stationStream(context, m_openSymbols, m_subscribedList, m_timer2),
+      m_vendorQuotes(context, m_openSymbols, m_subscribedList, m_timerwTS),
+      m_newsFeed(context, m_timerNews,
+                 certificates != nullptr ? std::move(certificates) : tls::MakeCertificateServices(context.loop)) {}
 
 void frmPBF::Form_Load() {
   IgnoreErrors([&] { ReadConfiguration(); });
@@ -103,7 +107,7 @@ void frmPBF::CheckCredential() {
 
 void frmPBF::StartNews() {
   if (std::exchange(m_newsStarted, true)) return;
-  PollNews();
+  m_newsFeed.Poll();
 }
 
 void frmPBF::ReadOpenSymbols() {
@@ -128,7 +132,7 @@ frmPBF::TickEnd frmPBF::RunProviderBranch() {
     RunCompanion(kFinnhub);
   } else if (Contains(lower, "quenmark")) {
     PrepareBrokerBranch();
-    RunVendorQuotes();
+    m_vendorQuotes.Tick();
   } else if (Contains(lower, "tradestation")) {
     PrepareBrokerBranch();
     m_stationStream.Tick();
@@ -196,12 +200,6 @@ void frmPBF::Fecha(std::string_view name) {
 
 void frmPBF::RefreshProcesses() {
   m_processes = m_context.processes.List();
-}
-
-void frmPBF::RunVendorQuotes() {}
-
-void frmPBF::PollNews() {
-  m_timerNews.SetEnabled(false);
 }
 
 }  // namespace quenmark::feeder

@@ -1,14 +1,17 @@
 // The main form: start-up, the five timers, the main tick with its provider branches, and the exits.
 #pragma once
 
+#include "feeder/news_feed.h"
 #include "feeder/station_stream.h"
 #include "feeder/tradier_polling.h"
 #include "feeder/tradier_stream.h"
+#include "feeder/vendor_quotes.h"
 #include "platform/message_loop.h"
 #include "providers/context.h"
 #include "providers/descriptions.h"
 #include "providers/open_charts.h"
 
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -17,8 +20,10 @@ namespace quenmark::feeder {
 
 class frmPBF {
  public:
-  // The context must outlive the form. The services are those of the event stream's connection.
-  frmPBF(providers::Context& context, websocket::WebsocketServices streamServices);
+  // The context must outlive the form. The services are those of the event stream's connection; the certificates judge
+  // the news server, and are the system's when they are left out.
+  frmPBF(providers::Context& context, websocket::WebsocketServices streamServices,
+         std::shared_ptr<tls::CertificateServices> certificates = {});
   frmPBF(const frmPBF&) = delete;
   frmPBF& operator=(const frmPBF&) = delete;
 
@@ -59,10 +64,6 @@ class frmPBF {
   void Fecha(std::string_view name);
   void RefreshProcesses();
 
-  // Where the branches of the other providers begin; none of them touches the store yet.
-  void RunVendorQuotes();
-  void PollNews();
-
   providers::Context& m_context;
   platform::Timer m_timer1;
   platform::Timer m_timer2;
@@ -79,6 +80,8 @@ class frmPBF {
   TradierPolling m_tradierPolling;
   TradierStream m_tradierStream;
   StationStream m_stationStream;
+  VendorQuotes m_vendorQuotes;
+  NewsFeed m_newsFeed;
 };
 
 }  // namespace quenmark::feeder

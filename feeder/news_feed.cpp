@@ -1,0 +1,152 @@
+#include "feeder/news_feed.h"
+
+#include "platform/number_text.h"
+#include "platform/run_time_error.h"
+#include "providers/dates.h"
+#include "providers/json.h"
+#include "providers/text_compare.h"
+#include "providers/text_pieces.h"
+
+#include <algorithm>
+#include <cmath>
+#include <set>
+
+namespace quenmark::feeder {
+namespace {
+
+using platform::IgnoreErrors;
+using providers::JsonValue;
+
+constexpr std::string_view kChartApp = "KLV";
+constexpr std::string_view kNewsSection = "News";
+constexpr std::string_view kItemsApp = "KLV-News";
+constexpr std::string_view kDensityApp = "KLV-News-Density";
+constexpr std::string_view kLastId = "ID";
+constexpr std::string_view kLastTime = "ID2";
+constexpr std::string_view kAll = "All";
+constexpr std::ptrdiff_t kThinHistory = 50;        // fewer sections than this are no history
+constexpr double kLargestId = 9007199254740992.0;  // 2^53
+constexpr std::int32_t kOk = 200;
+
+// A whole number for the address, 0 for what is none.
+std::string IdText(const std::string& stored) {
+  const double id = std::trunc(platform::ReadNumber(stored));
+  return platform::NumberText(std::abs(id) <= kLargestId ? id : 0);
+}
+
+std::string Reversed(std::string_view text) {
+  return {text.rbegin(), text.rend()};
+}
+
+}  // namespace
+
+NewsFeed::NewsFeed(providers::Context& context, platform::Timer& timerNews,
+                   std::shared_ptr<tls::CertificateServices> certificates)
+    : m_context(context), m_timerNews(timerNews), m_certificates(std::move(certificates)), m_icons(context) {}
+
+void NewsFeed::Poll() {
+  m_timerNews.SetEnabled(false);
+  m_tsock.reset();
+  if (m_context.hosts.news.empty()) return;
+  m_tsock = std::make_unique<providers::PBsock>(
+      m_context, m_certificates, [this](std::int32_t& status, std::string& body) { Tsock_CloseEvent(status, body); });
+  std::string id = "0";
+  IgnoreErrors([&] { id = IdText(m_context.store.GetSetting(kChartApp, kNewsSection, kLastId)); });
+  m_tsock->hOpen("GET", m_context.hosts.news + "/news/?id=" + id, true);
+  IgnoreErrors([&] { m_tsock->setRequestHeader("Accept", "application/json"); });
+  IgnoreErrors([&] { m_tsock->setRequestHeader("Authorization", "Basic " + m_context.serviceCredential); });
+  m_tsock->hSend();
+}
+
+void NewsFeed::Tsock_CloseEvent(std::int32_t statusCode, const std::string& body) {
+  m_tsock.reset();
+  m_context.log.Debug("news: status {}, {} bytes", statusCode, body.size());
+  if (statusCode == kOk) IgnoreErrors([&] { StoreItems(body); });
+  IgnoreErrors([&] {
+    auto& store = m_context.store;
+    const std::string all = store.GetSetting(kChartApp, kNewsSection, kAll);
+    if (std::count(all.begin(), all.end(), ',') >= kThinHistory) return;
+    IgnoreErrors([&] { store.DeleteApplication(kItemsApp); });
+    IgnoreErrors([&] { store.DeleteSection(kChartApp, kNewsSection); });
+    IgnoreErrors([&] { store.DeleteApplication(kDensityApp); });
+  });
+  m_timerNews.SetEnabled(true);
+}
+
+void NewsFeed::StoreItems(const std::string& body) {
+  const providers::JsonDocument document = providers::ParseJson(body);
+  std::vector<std::string> sections;
+  for (const JsonValue& item : document.Value().At("data").Items()) {
+    m_context.loop.RunQueued();
+    IgnoreErrors([&] {
+      std::string section = StoreItem(item);
+      if (section.empty()) return;
+      IgnoreErrors([&] { RunItemStep(section); });
+      sections.push_back(std::move(section));
+    });
+  }
+  const std::string all = m_context.store.GetSetting(kChartApp, kNewsSection, kAll);
+  m_context.store.SaveSetting(kChartApp, kNewsSection, kAll,
+                              WithNewSections(all, providers::SortedCopy(sections, providers::CompareMode::kText)));
+}
+
+std::string NewsFeed::StoreItem(const JsonValue& item) {
+  const std::string id = item.At("ts_id").Text();
+  const std::string time = item.At("datetime").Text();
+  const std::string section = time + "_" + id;
+  // A comma would make two entries of it in the list.
+  if (id.empty() || time.empty() || providers::Contains(section, ",")) return {};
+  auto& store = m_context.store;
+  for (const providers::JsonMember& field : item.Members()) {
+    if (field.key == "ts_id" || field.key == "url" || field.key == "image") continue;
+    IgnoreErrors([&] { store.SaveSetting(kItemsApp, section, field.key, field.value.Text()); });
+  }
+  IgnoreErrors([&] {
+    const providers::DateRules rules{m_context.gmtOffsetMinutes, m_context.clock.LocalNow().year, m_context.locale};
+    store.SaveSetting(kItemsApp, section, "datetime_gmt",
+                      providers::FormatDate(providers::UnixToLocal(time, rules), "Month5+Hora", rules));
+  });
+  IgnoreErrors([&] { NoteHighest(item, time, id); });
+  return section;
+}
+
+void NewsFeed::NoteHighest(const JsonValue& item, std::string_view time, std::string_view id) {
+  auto& store = m_context.store;
+  const double highest = platform::ReadNumber(store.GetSetting(kChartApp, kNewsSection, kLastId));
+  if (item.At("ts_id").Number() <= highest) return;
+  store.SaveSetting(kChartApp, kNewsSection, kLastId, id);
+  store.SaveSetting(kChartApp, kNewsSection, kLastTime, time);
+}
+
+// Nothing but the icons of the symbols that the item names.
+void NewsFeed::RunItemStep(std::string_view section) {
+  if (!providers::Contains(section, "_")) return;
+  for (const std::string_view field : {"symbol", "related"}) {
+    m_icons.Want(m_context.store.GetSetting(kItemsApp, section, field));
+  }
+}
+
+// A section without "," occurs with its comma exactly when an entry of the list ends with it, so the entries are looked
+// up by their ends: the cost does not grow with the product of the two lengths.
+std::string WithNewSections(std::string_view all, const std::vector<std::string>& sections) {
+  std::set<std::string> ends;
+  for (std::size_t start = 0, end = 0; (end = all.find(',', start)) != std::string_view::npos; start = end + 1) {
+    ends.insert(Reversed(all.substr(start, end - start)));
+  }
+  std::vector<const std::string*> added;
+  std::size_t length = all.size();
+  for (const std::string& section : sections) {
+    const std::string reversed = Reversed(section);
+    const auto found = ends.lower_bound(reversed);
+    if (found != ends.end() && found->starts_with(reversed)) continue;
+    ends.insert(found, reversed);
+    added.push_back(&section);
+    length += section.size() + 1;
+  }
+  std::string result;
+  result.reserve(length);
+  for (auto each = added.rbegin(); each != added.rend(); ++each) result.append(**each).append(",");
+  return result.append(all);
+}
+
+}  // namespace quenmark::feeder
