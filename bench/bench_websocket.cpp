@@ -5,6 +5,7 @@
 #include "platform/clock.h"
 #include "platform/message_loop.h"
 #include "platform/store_text.h"
+#include "tls/primitives.h"
 #include "websocket/deflate.h"
 #include "websocket/tls_transport.h"
 #include "websocket/websocket.h"
@@ -15,7 +16,6 @@
 #include <boost/beast/websocket.hpp>
 #include <netinet/in.h>
 #include <openssl/sha.h>
-#include <sys/random.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -328,9 +328,12 @@ class Sink final : public websocket::Transport {
   }
   bool IsClosed() const override { return !m_open; }
   bool HasSocket() const override { return m_open; }
-  std::int64_t AvailableBytes() override { return static_cast<std::int64_t>(m_answer.size()); }
-  bool Receive(websocket::ReceiveBuffer& buffer, std::size_t) override {
-    buffer.Take(m_answer);
+  std::int64_t AvailableBytes() override { return static_cast<std::int64_t>(waiting.size()); }
+  bool Receive(websocket::ReceiveBuffer& buffer, std::size_t atMost) override {
+    const auto count = std::min(atMost, waiting.size());
+    std::memcpy(buffer.Prepare(count).data(), waiting.data(), count);
+    buffer.Commit(count);
+    waiting.remove_prefix(count);
     return true;
   }
   bool SendArray(BytesView bytes) override {
@@ -344,38 +347,68 @@ class Sink final : public websocket::Transport {
   std::string RemoteHostName() const override { return {}; }
   std::string GetErrorDescription(std::int32_t) const override { return {}; }
 
-  void Accept() {
-    const std::string answer =
-        "HTTP/1.1 101 x\r\nUpgrade: websocket\r\nConnection: Upgrade\r\nSec-WebSocket-Accept: YWNjZXB0\r\n\r\n";
-    m_answer.assign(answer.begin(), answer.end());
+  void Accept(bool deflate) {
+    std::string answer =
+        "HTTP/1.1 101 x\r\nUpgrade: websocket\r\nConnection: Upgrade\r\nSec-WebSocket-Accept: YWNjZXB0\r\n";
+    answer.append(deflate ? kDeflateAnswer : "").append("\r\n");
     m_events.lock()->OnConnect();
-    m_events.lock()->OnReceive();
+    Deliver(answer);
+  }
+  void Deliver(std::string_view bytes) {
+    waiting = bytes;
+    while (!waiting.empty()) m_events.lock()->OnReceive();
   }
 
   std::size_t sent = 0;
+  std::string_view waiting;
 
  private:
   std::weak_ptr<websocket::TransportEvents> m_events;
-  Bytes m_answer;
   bool m_open = false;
 };
 
-void Send(benchmark::State& state) {
+// A component that is connected to a sink.
+struct Connected {
+  explicit Connected(bool deflate, websocket::WebsocketEvents events = {}) {
+    websocket::WebsocketServices services;
+    services.makeTransport = [this](std::weak_ptr<websocket::TransportEvents> sinkEvents) {
+      return sink = std::make_shared<Sink>(std::move(sinkEvents));
+    };
+    services.random = tls::pvTlsGetRandom;
+    services.sha1 = [](std::string_view) { return std::string("accept"); };
+    socket = std::make_unique<websocket::Websocket>(loop, std::move(services), std::move(events));
+    socket->SetUseCompression(deflate);
+    socket->Connect("ws://host/");
+    sink->Accept(deflate);
+    Require(socket->readyState() == websocket::kStateOpen, "accept");
+  }
+
   platform::SystemClock clock;
   platform::MessageLoop loop{clock};
   std::shared_ptr<Sink> sink;
-  websocket::WebsocketServices services;
-  services.makeTransport = [&sink](std::weak_ptr<websocket::TransportEvents> events) {
-    return sink = std::make_shared<Sink>(std::move(events));
-  };
-  services.random = [](std::span<std::uint8_t> out) {
-    Require(getrandom(out.data(), out.size(), 0) == static_cast<ssize_t>(out.size()), "getrandom");
-  };
-  services.sha1 = [](std::string_view) { return std::string("accept"); };
-  websocket::Websocket socket(loop, std::move(services), {});
-  socket.Connect("ws://host/");
-  sink->Accept();
-  Require(socket.readyState() == websocket::kStateOpen, "accept");
+  std::unique_ptr<websocket::Websocket> socket;
+};
+
+// The component alone: what it adds to the system's calls.
+void Deliver(benchmark::State& state, bool deflate) {
+  std::size_t bytes = 0;
+  websocket::WebsocketEvents events;
+  events.OnMessage = [&bytes](const websocket::MessageData& data, std::int32_t) { bytes += data.Text().size(); };
+  const Connected connected(deflate, std::move(events));
+  const std::string block = Block(deflate);
+  for (auto _ : state) connected.sink->Deliver(block);
+  const auto messages = static_cast<double>(state.iterations()) * kMessagesPerBlock;
+  Require(static_cast<double>(bytes) == messages * kMessageBytes, "bytes");
+  state.counters["ns_per_message"] =
+      benchmark::Counter(messages * 1e-9, benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+}
+BENCHMARK_CAPTURE(Deliver, text, false)->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(Deliver, deflate, true)->Unit(benchmark::kMicrosecond);
+
+void Send(benchmark::State& state) {
+  const Connected connected(false);
+  Sink* const sink = connected.sink.get();
+  websocket::Websocket& socket = *connected.socket;
   const Bytes data(static_cast<std::size_t>(state.range(0)) << 20, 0x55);
   for (auto _ : state) socket.Send(data);
   Require(sink->sent > data.size() * static_cast<std::size_t>(state.iterations()), "sent");

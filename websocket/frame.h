@@ -50,11 +50,13 @@ inline FrameHeader ParseHeader(BytesView buffer) {
   header.masked = (buffer[1] & 0x80) != 0;
   header.payloadLength = buffer[1] & 0x7F;
   header.dataOffset = 2;
-  if (header.payloadLength >= 126) {
-    const std::size_t width = header.payloadLength == 126 ? 2 : 8;
+  if (header.payloadLength == 126) {
+    header.payloadLength = static_cast<std::uint64_t>(buffer[2]) << 8 | buffer[3];
+    header.dataOffset = 4;
+  } else if (header.payloadLength == 127) {
     header.payloadLength = 0;
-    for (std::size_t i = 0; i < width; ++i) header.payloadLength = header.payloadLength << 8 | buffer[2 + i];
-    header.dataOffset += width;
+    for (std::size_t i = 2; i < 10; ++i) header.payloadLength = header.payloadLength << 8 | buffer[i];
+    header.dataOffset = 10;
   }
   return header;
 }

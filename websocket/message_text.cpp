@@ -11,28 +11,39 @@ namespace quenmark::websocket {
 namespace {
 
 constexpr std::uint64_t kHighBits = 0x8080808080808080u;
+// Two words that the processor handles as one where it can.
+using Lane [[gnu::vector_size(16)]] = std::uint64_t;
+constexpr std::size_t kBlock = 4 * sizeof(Lane);
+constexpr std::size_t kWord = sizeof(std::uint64_t);
 
-std::uint64_t WordAt(std::string_view text, std::size_t offset) {
-  std::uint64_t word = 0;
-  std::memcpy(&word, text.data() + offset, sizeof word);
+template <typename Word>
+Word At(const char* text) {
+  Word word;
+  std::memcpy(&word, text, sizeof word);
   return word;
 }
 
-// The offset behind the ASCII characters that begin at `offset`. The last word of the text is looked at as a whole, so
+bool WideInBlock(const char* text) {
+  constexpr std::size_t kLane = sizeof(Lane);
+  const Lane bits =
+      (At<Lane>(text) | At<Lane>(text + kLane)) | (At<Lane>(text + 2 * kLane) | At<Lane>(text + 3 * kLane));
+  return ((bits[0] | bits[1]) & kHighBits) != 0;
+}
+
+bool WideInWord(const char* text) {
+  return (At<std::uint64_t>(text) & kHighBits) != 0;
+}
+
+// The offset behind the ASCII characters that begin at `offset`. The last block of the text is looked at as a whole, so
 // that the end costs no more than the middle.
 std::size_t SkipAscii(std::string_view text, std::size_t offset) {
-  constexpr std::size_t kWord = sizeof(std::uint64_t);
   const std::size_t size = text.size();
-  for (; offset + 4 * kWord <= size; offset += 4 * kWord) {
-    const std::uint64_t bits = WordAt(text, offset) | WordAt(text, offset + kWord) | WordAt(text, offset + 2 * kWord) |
-                               WordAt(text, offset + 3 * kWord);
-    if ((bits & kHighBits) != 0) break;
-  }
-  for (; offset + kWord <= size; offset += kWord) {
-    if ((WordAt(text, offset) & kHighBits) != 0) break;
-  }
-  if (size >= kWord && offset + kWord > size && (WordAt(text, size - kWord) & kHighBits) == 0) return size;
-  while (offset < size && static_cast<unsigned char>(text[offset]) < 0x80) ++offset;
+  const char* const data = text.data();
+  while (offset + kBlock <= size && !WideInBlock(data + offset)) offset += kBlock;
+  if (size >= kBlock && offset + kBlock > size && !WideInBlock(data + size - kBlock)) return size;
+  while (offset + kWord <= size && !WideInWord(data + offset)) offset += kWord;
+  if (size >= kWord && offset + kWord > size && !WideInWord(data + size - kWord)) return size;
+  while (offset < size && static_cast<unsigned char>(data[offset]) < 0x80) ++offset;
   return offset;
 }
 

@@ -102,19 +102,26 @@ bool WebsocketState::TakeWholeFrame(const FrameHeader& header, std::size_t end) 
     m_received.Consume(end);
     return true;
   }
-  std::string data = std::exchange(m_spareMessage, {});
+  std::string data;
+  data.swap(m_spareMessage);
   const BytesView payload = m_received.Unread().subspan(header.dataOffset, end - header.dataOffset);
   const bool isMessage = header.opcode == kText || header.opcode == kBinary;
   const bool read = ReadMessage(payload, isMessage && header.rsv1, data);
   m_received.Consume(end);
-  return read ? Dispatch(header.opcode, std::move(data)) : FailDelivery();
+  const bool goesOn = read ? Dispatch(header.opcode, data) : FailDelivery();
+  KeepSpare(data);
+  return goesOn;
+}
+
+// The memory of a message is used again for the next one.
+void WebsocketState::KeepSpare(std::string& data) {
+  if (data.capacity() > m_spareMessage.capacity() && data.capacity() <= kKeptBuffer) m_spareMessage.swap(data);
 }
 
 // The payload as it is to be delivered. False when it does not inflate.
 bool WebsocketState::ReadMessage(BytesView payload, bool rsv1, std::string& data) {
-  data.clear();
   if (rsv1 && useCompression) return m_compressor && DecompressMessage(*m_compressor, payload, data);
-  AppendBytes(data, payload);
+  data.assign(reinterpret_cast<const char*>(payload.data()), payload.size());
   return true;
 }
 
@@ -147,7 +154,7 @@ bool WebsocketState::TakeInterleaved(const FrameHeader& header, std::size_t end)
   std::string data;
   AppendBytes(data, m_received.Unread().subspan(header.dataOffset, end - header.dataOffset));
   m_received.Consume(end);
-  return Dispatch(header.opcode, std::move(data));
+  return Dispatch(header.opcode, data);
 }
 
 bool WebsocketState::FinishMessage() {
@@ -155,11 +162,13 @@ bool WebsocketState::FinishMessage() {
   if (readyState == kStateClosing && message.opcode != kClose) return true;
   const bool isMessage = message.opcode == kText || message.opcode == kBinary;
   if (isMessage && message.rsv1 && useCompression) {
-    std::string data;
+    std::string data = std::exchange(m_spareMessage, {});
     if (!ReadMessage(AsBytes(message.payload), true, data)) return FailDelivery();
     message.payload = std::move(data);
   }
-  return Dispatch(message.opcode, std::move(message.payload));
+  const bool goesOn = Dispatch(message.opcode, message.payload);
+  KeepSpare(message.payload);
+  return goesOn;
 }
 
 bool WebsocketState::FailDelivery() {
@@ -169,7 +178,7 @@ bool WebsocketState::FailDelivery() {
   return true;
 }
 
-bool WebsocketState::Dispatch(std::uint8_t opcode, std::string data) {
+bool WebsocketState::Dispatch(std::uint8_t opcode, std::string& data) {
   switch (opcode) {
     case kContinuation:
       readyState = kStateClosing;
@@ -190,7 +199,6 @@ bool WebsocketState::Dispatch(std::uint8_t opcode, std::string data) {
     default:
       Raise(m_events.OnMessage, MessageData(data), std::int32_t{opcode});
   }
-  if (data.capacity() > m_spareMessage.capacity() && data.capacity() <= kKeptBuffer) m_spareMessage = std::move(data);
   return true;
 }
 

@@ -104,7 +104,8 @@ class WebsocketState : public std::enable_shared_from_this<WebsocketState> {
   bool TakeInterleaved(const FrameHeader& header, std::size_t end);
   bool FinishMessage();
   bool ReadMessage(BytesView payload, bool rsv1, std::string& data);
-  bool Dispatch(std::uint8_t opcode, std::string data);
+  bool Dispatch(std::uint8_t opcode, std::string& data);
+  void KeepSpare(std::string& data);
   bool HandleClose(const std::string& payload);
   bool FailDelivery();
   void ForgetReceived();

@@ -1,0 +1,214 @@
+// Servers that vanish, stall, stop half-way or send what nobody should: the component over sockets, and feeder-probe.
+#include "platform/clock.h"
+#include "tests/support/child_process.h"
+#include "tests/support/plain_socket.h"
+#include "tests/websocket/websocket_fixture.h"
+#include "websocket/deflate.h"
+#include "websocket/tls_transport.h"
+
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace quenmark::test {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+enum class End { kFinish, kReset, kStall };
+
+// Takes one client, sends the pieces one by one and ends. Stalling lasts until the client goes. A "101" in front of
+// everything is made into the answer that fits the request.
+class Script {
+ public:
+  Script(std::vector<std::string> pieces, End end)
+      : m_thread([this, pieces = std::move(pieces), end] {
+          try {
+            Run(pieces, end);
+          } catch (const std::runtime_error&) {
+            // the client has gone
+          }
+        }) {}
+  ~Script() { m_thread.join(); }
+
+  std::string Address() const { return fmt::format("ws://127.0.0.1:{}/", PortOf(m_listener)); }
+
+ private:
+  void Run(const std::vector<std::string>& pieces, End end) {
+    Descriptor client(PlainAccept(m_listener));
+    std::string request;
+    while (request.find("\r\n\r\n") == std::string::npos) {
+      const std::string next = PlainReceive(client, 1);
+      if (next.empty()) return;
+      request += next;
+    }
+    for (const std::string& piece : pieces) PlainSend(client, piece == "101" ? Answer(request) : piece);
+    if (end == End::kReset) PlainReset(client);
+    while (end == End::kStall && !PlainReceive(client, 1).empty()) {
+    }
+  }
+  static std::string Answer(const std::string& request) {
+    const std::string name = "Sec-WebSocket-Key: ";
+    const std::size_t start = request.find(name) + name.size();
+    const std::string key = request.substr(start, request.find("\r\n", start) - start);
+    return "HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
+           "Sec-WebSocket-Extensions: permessage-deflate\r\nSec-WebSocket-Accept: " +
+           platform::EncodeBase64(Sha1Digest(key + "258EAFA5-E914-47DA-95CA-C5AB0DC85B11")) + "\r\n\r\n";
+  }
+
+  Descriptor m_listener{PlainListener()};
+  std::thread m_thread;
+};
+
+std::vector<std::string> ByteByByte(const std::string& bytes) {
+  std::vector<std::string> pieces{"101"};
+  for (const char byte : bytes) pieces.emplace_back(1, byte);
+  return pieces;
+}
+
+TEST(HostileServer, EveryEndIsTold) {
+  const std::string twoGigabytes("\x82\x7F\0\0\0\0\x80\0\0\0", 10);
+  const std::string refused = "error 1007 Cannot connect! Incoming Header Data Corrupted. Please try again.";
+  const std::string reset =
+      "error 1016 Event Type: Close 10054:  Description: An existing connection was forcibly closed by the remote "
+      "host.";
+  const std::string closed = "close 1000 Normal Closure.";
+  const std::string tooBig = "error 1009 A Message was To Large or Corrupted.";
+  const struct {
+    std::vector<std::string> pieces;
+    End end;
+    std::vector<std::string> log;
+  } rows[] = {
+      {{}, End::kFinish, {closed}},
+      {{}, End::kReset, {reset}},
+      {{"HTTP/1.1 101 Sw"}, End::kStall, {refused}},
+      {{"\x16\x03\x01 no web server at all"}, End::kStall, {refused}},
+      {{"101"}, End::kFinish, {"connect", closed}},
+      {{"101"}, End::kReset, {"connect", reset}},
+      {{"101", ServerFrame(0x81, "half of this").substr(0, 8)}, End::kFinish, {"connect", closed}},
+      {ByteByByte(ServerFrame(0x81, "one") + ServerFrame(0x01, "tw") + ServerFrame(0x89, "") + ServerFrame(0x80, "o") +
+                  ServerFrame(0x88,
+                              "\x03\xE9"
+                              "bye")),
+       End::kStall,
+       {"connect", "message one", "message two", "close 1001 bye"}},
+      {{"101", twoGigabytes + "some of it"}, End::kStall, {"connect", tooBig}},
+      {{"101", std::string(1000, '\xFF')}, End::kStall, {"connect", tooBig}},
+  };
+  for (const auto& row : rows) {
+    Script server(row.pieces, row.end);
+    platform::SystemClock clock;
+    platform::MessageLoop loop{clock};
+    std::vector<std::string> log;
+    websocket::WebsocketEvents events;
+    events.OnConnect = [&](const auto&...) { log.emplace_back("connect"); };
+    events.OnMessage = [&](const auto& data, std::int32_t) { log.push_back(fmt::format("message {}", data.Text())); };
+    events.OnClose = [&](std::int32_t code, const auto& text) {
+      log.push_back(fmt::format("close {} {}", code, text));
+    };
+    events.OnError = [&](std::int32_t code, const auto& text) {
+      log.push_back(fmt::format("error {} {}", code, text));
+    };
+    websocket::Websocket socket(loop, websocket::MakeWebsocketServices(loop, {}), events);
+    socket.Connect(server.Address());
+    EXPECT_TRUE(
+        loop.WaitUntil([&] { return log.size() >= row.log.size(); }, clock.Monotonic() + std::chrono::seconds(20)));
+    loop.RunQueued();
+    socket.Disconnect();  // a second time for the ones that failed
+    socket.Disconnect();
+    EXPECT_EQ(socket.readyState(), 0);
+    EXPECT_EQ(log, row.log);
+  }
+}
+
+struct Outcome {
+  int status = -1;
+  std::string output;
+  std::string errors;
+};
+
+// With that much address space, in KB.
+Outcome RunProbe(std::vector<std::string> arguments, int memory = 0) {
+  std::string command = memory == 0 ? "" : fmt::format("ulimit -v {}; ", memory);
+  arguments.insert(arguments.begin(), {"-c", command + "exec \"$0\" ws \"$@\"", BIN_DIR "/feeder-probe"});
+  ChildProcess probe("/bin/sh", arguments);
+  Outcome outcome;
+  outcome.output = probe.ReadAll();
+  outcome.status = probe.Wait().value_or(-1);
+  outcome.errors = probe.ErrorText();
+  return outcome;
+}
+
+// The limits of 64 MB hold for the whole process; a sanitizer's own memory forbids the measurement.
+TEST(HostileServer, MemoryStaysBounded) {
+#ifdef __SANITIZE_ADDRESS__
+  GTEST_SKIP() << "address space is not limited under a sanitizer";
+#endif
+  websocket::cZipArchive archive;
+  websocket::Bytes packed;
+  const websocket::Bytes zeros(std::size_t{80} << 20);
+  ASSERT_TRUE(CompressMessage(archive, zeros, packed));
+  const std::string bomb = ServerFrame(0xC2, {reinterpret_cast<const char*>(packed.data()), packed.size()});
+  std::string endless;  // fragments of 1 MB without an end
+  for (int i = 0; i < 80; ++i) endless += ServerFrame(i == 0 ? 0x02 : 0x00, std::string(std::size_t{1} << 20, 'x'));
+  const struct {
+    std::string frames;
+    std::string expected;
+  } rows[] = {
+      {bomb + bomb, "error 1011 Orvaline was unable to decompress incoming data."},
+      {endless, "error 1009 A Message was To Large or Corrupted."},
+      {std::string("\x82\x7F\0\0\0\0\x7F\xFF\xFF\xFF", 10), "error 1009 A Message was To Large or Corrupted."},
+  };
+  for (const auto& row : rows) {
+    Script server({"101", row.frames}, End::kStall);
+    const Outcome outcome = RunProbe({server.Address(), "--compress"}, 320 * 1024);
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_THAT(outcome.errors, HasSubstr(row.expected));
+    EXPECT_EQ(outcome.output, "");
+  }
+}
+
+TEST(FeederProbe, OptionsOutputAndStatus) {
+  const std::string talk = ServerFrame(0x81, "one\xE2\x82\xAC") + ServerFrame(0x82, std::string("\x00\xFF", 2)) +
+                           ServerFrame(0x8A, "p\x1B") + ServerFrame(0x81, "") + ServerFrame(0x83, "!");
+  const std::string bye = ServerFrame(0x88, "\x03\xE8");
+  const std::string away = ServerFrame(0x88, "\x03\xE9");
+  const struct {
+    std::vector<std::string> pieces;
+    std::vector<std::string> arguments;
+    int status;
+    std::string output;
+    std::string errors;  // a part
+  } rows[] = {
+      {{"101", talk + bye}, {}, 0, "one\xE2\x82\xAC\n00ff\n\n21\n", "pong p \nclosed 1000 Normal Closure.\n"},
+      {{"101", talk + away}, {"--count", "9"}, 1, "one\xE2\x82\xAC\n00ff\n\n21\n", "closed 1001 Server is Going Away."},
+      {{"101", talk}, {"--count", "2"}, 0, "one\xE2\x82\xAC\n00ff\n", "connected host=127.0.0.1"},
+      {{"101"}, {"--timeout", "50"}, 0, "", "connected"},
+      {{"101"}, {"--timeout", "50", "--count", "1"}, 1, "", "timed out"},
+      {{}, {"--timeout", "50"}, 1, "", "timed out"},
+      {{"HTTP/1.1 404 No\r\n\r\n"}, {}, 1, "", "error 1002 404: Resource Not Found.\n"},
+  };
+  for (const auto& row : rows) {
+    Script server(row.pieces, End::kStall);
+    std::vector<std::string> arguments{server.Address()};
+    arguments.insert(arguments.end(), row.arguments.begin(), row.arguments.end());
+    const Outcome outcome = RunProbe(arguments);
+    EXPECT_EQ(outcome.status, row.status) << outcome.errors;
+    EXPECT_EQ(outcome.output, row.output);
+    EXPECT_THAT(outcome.errors, HasSubstr(row.errors));
+  }
+  const std::vector<std::string> misuses[] = {{},
+                                              {"ws://h/", "--no-such"},
+                                              {"ws://h/", "--header", "no colon"},
+                                              {"ws://h/", "--header", "A: b\r\nC: d"},
+                                              {"ws://h/", "--ca", "/no/such/file"},
+                                              {"ws://h/", "--binary", "/no/such/file"},
+                                              {"ws://h/", "--count", "0"}};
+  for (const auto& misuse : misuses) EXPECT_EQ(RunProbe(misuse).status, 2) << testing::PrintToString(misuse);
+  EXPECT_EQ(RunProbe({"http://h/"}).status, 1);
+}
+
+}  // namespace
+}  // namespace quenmark::test
