@@ -116,7 +116,7 @@ TEST(InteropLibssl, EverySuiteWithEveryKeyAndGroupInBothRoles) {
     for (const KeyKind key : suite.keys) {
       for (const std::string group : {"X25519", "P-256", "P-384", "P-521:P-384"}) {
         for (const bool client : {true, false}) {
-          if (client && group.starts_with("P-521")) continue;
+          if ((client && group.starts_with("P-521")) || (key == KeyKind::kRsa4096 && group != "X25519")) continue;
           SCOPED_TRACE(suite.name + " " + KindName(key) + " " + group + (client ? " client" : " server"));
           // A TLS 1.2 client of this library must also name the curve of an ECDSA certificate.
           const bool named = client || VersionOf(suite.name) == TLS1_3_VERSION || !KindName(key).starts_with("P-") ||
@@ -323,6 +323,7 @@ TEST(InteropLibssl, CloseFromEitherSide) {
     EXPECT_FALSE(other.engine.failed);
     EXPECT_TRUE(other.engine.Closed());
     EXPECT_EQ(other.engine.Error(), "");
+    EXPECT_EQ(other.engine.context.lastError.number, 0);
     // The answer has level 2, which a TLS 1.2 peer takes for a failure.
     EXPECT_EQ(other.peer.closeNotified, version == TLS1_3_VERSION) << other.peer.Error();
   }
