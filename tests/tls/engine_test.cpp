@@ -373,22 +373,6 @@ TEST(TlsEngine, UsedUpSequenceNumberClosesInsteadOfComingRound) {
   }
 }
 
-TEST(TlsEngine, CloseNotifyIsNoError) {
-  for (const int version : {TLS1_2_VERSION, TLS1_3_VERSION}) {
-    Connected connected(version);
-    connected.peer.Send(Pattern(10));
-    SSL_shutdown(connected.peer.Handle());
-    Bytes plaintext;
-    Bytes out;
-    ASSERT_TRUE(TlsReceive(connected.engine.context, connected.peer.TakeOutput(), plaintext, out));
-    EXPECT_EQ(plaintext, Pattern(10));
-    EXPECT_FALSE(out.empty());
-    EXPECT_TRUE(TlsIsClosed(connected.engine.context));
-    EXPECT_EQ(LastError(connected.engine.context), "|0|");
-    EXPECT_FALSE(TlsReceive(connected.engine.context, FromHex("17"), plaintext, out));
-  }
-}
-
 TEST(TlsEngine, InsecureRenegotiationIsDeclined) {
   Connected connected(TLS1_2_VERSION);
   EnginePeer& engine = connected.engine;
@@ -444,46 +428,46 @@ TEST(TlsEngine, ShutdownOnceAndThenNoMore) {
 }
 
 TEST(TlsEngine, HelpersRaiseTheirErrors) {
-  const auto text = [](const std::function<void(Context&)>& call) {
+  static const Bytes kDigest(32);
+  static const Identity& own = IdentityOf(KeyKind::kP256);
+  struct Row {
+    const char* text;
+    void (*call)(Context&);
+  };
+  const Row rows[] = {
+      {"pvTlsDeriveHandshakeSecrets: Missing handshake messages", [](Context& c) { DeriveHandshakeSecrets(c); }},
+      {"pvTlsDeriveApplicationSecrets: Missing handshake messages",
+       [](Context& c) { DeriveApplicationSecrets(c, kDigest); }},
+      {"pvTlsDeriveKeyUpdate: Missing previous RemoteTrafficSecret",
+       [](Context& c) { pvTlsDeriveKeyUpdate(c, true, false); }},
+      {"pvTlsDeriveKeyUpdate: Missing previous LocalTrafficSecret",
+       [](Context& c) { pvTlsDeriveKeyUpdate(c, false, true); }},
+      {"pvTlsDeriveLegacySecrets: Missing remote random", [](Context& c) { pvTlsDeriveLegacySecrets(c, kDigest); }},
+      {"pvTlsGetSharedSecret: Unsupported exchange 9",
+       [](Context& c) { pvTlsGetSharedSecret(c, static_cast<Exchange>(9)); }},
+      {"pvTlsSetupExchRsaCertificate: Unsupported certificate",
+       [](Context& c) { pvTlsSetupExchRsaCertificate(c, own.certificate); }},
+      {"pvTlsSetupExchRsaPreMasterSecret: Missing server private key",
+       [](Context& c) { pvTlsSetupExchRsaPreMasterSecret(c, kDigest); }},
+      {"pvTlsSetupExchRsaPreMasterSecret: Unsupported private key",
+       [](Context& c) { c.localPrivateKey.assign(5, 1), pvTlsSetupExchRsaPreMasterSecret(c, kDigest); }},
+      {"pvTlsSignatureSign: Missing server private key", [](Context&) { pvTlsSignatureSign({}, 0x0403, {}); }},
+      {"pvTlsSignatureSign: Unsupported private key", [](Context&) { pvTlsSignatureSign(kDigest, 0x0403, {}); }},
+      {"pvTlsSignatureSign: Unsupported signature scheme (0x0203)",
+       [](Context&) { pvTlsSignatureSign(own.privateKey, 0x0203, {}); }},
+      {"pvTlsSignatureSign: Certificate signature failed (RSA_PSS_RSAE_SHA256)",
+       [](Context&) { pvTlsSignatureSign(own.privateKey, 0x0804, {}); }},
+  };
+  for (const Row& row : rows) {
     Context context;
     context.handshake = std::make_unique<Handshake>();
     try {
-      call(context);
+      row.call(context);
+      ADD_FAILURE() << row.text;
     } catch (const RaisedError& error) {
-      return error.source + ": " + error.description;
+      EXPECT_EQ(error.source + ": " + error.description, row.text);
     }
-    return std::string("nothing raised");
-  };
-  const Bytes digest(32);
-  EXPECT_EQ(text([](Context& c) { DeriveHandshakeSecrets(c); }),
-            "pvTlsDeriveHandshakeSecrets: Missing handshake messages");
-  EXPECT_EQ(text([&](Context& c) { DeriveApplicationSecrets(c, digest); }),
-            "pvTlsDeriveApplicationSecrets: Missing handshake messages");
-  EXPECT_EQ(text([](Context& c) { pvTlsDeriveKeyUpdate(c, true, false); }),
-            "pvTlsDeriveKeyUpdate: Missing previous RemoteTrafficSecret");
-  EXPECT_EQ(text([](Context& c) { pvTlsDeriveKeyUpdate(c, false, true); }),
-            "pvTlsDeriveKeyUpdate: Missing previous LocalTrafficSecret");
-  EXPECT_EQ(text([&](Context& c) { pvTlsDeriveLegacySecrets(c, digest); }),
-            "pvTlsDeriveLegacySecrets: Missing remote random");
-  EXPECT_EQ(text([](Context& c) { pvTlsGetSharedSecret(c, static_cast<Exchange>(9)); }),
-            "pvTlsGetSharedSecret: Unsupported exchange 9");
-  EXPECT_EQ(text([](Context& c) { pvTlsSetupExchRsaCertificate(c, IdentityOf(KeyKind::kP256).certificate); }),
-            "pvTlsSetupExchRsaCertificate: Unsupported certificate");
-  EXPECT_EQ(text([&](Context& c) { pvTlsSetupExchRsaPreMasterSecret(c, digest); }),
-            "pvTlsSetupExchRsaPreMasterSecret: Missing server private key");
-  EXPECT_EQ(text([&](Context& c) {
-              c.localPrivateKey.assign(5, 1);
-              pvTlsSetupExchRsaPreMasterSecret(c, digest);
-            }),
-            "pvTlsSetupExchRsaPreMasterSecret: Unsupported private key");
-  EXPECT_EQ(text([](Context&) { pvTlsSignatureSign({}, 0x0403, {}); }),
-            "pvTlsSignatureSign: Missing server private key");
-  EXPECT_EQ(text([&](Context&) { pvTlsSignatureSign(digest, 0x0403, {}); }),
-            "pvTlsSignatureSign: Unsupported private key");
-  EXPECT_EQ(text([](Context&) { pvTlsSignatureSign(IdentityOf(KeyKind::kP256).privateKey, 0x0203, {}); }),
-            "pvTlsSignatureSign: Unsupported signature scheme (0x0203)");
-  EXPECT_EQ(text([](Context&) { pvTlsSignatureSign(IdentityOf(KeyKind::kP256).privateKey, 0x0804, {}); }),
-            "pvTlsSignatureSign: Certificate signature failed (RSA_PSS_RSAE_SHA256)");
+  }
 }
 
 // A raised error closes without an alert.
@@ -531,24 +515,21 @@ TEST(TlsEngine, OwnerMayCloseInsideItsCallback) {
   EXPECT_FALSE(peer.Ready());
 }
 
-TEST(TlsEngine, UndecodableClientKeyIsTold) {
-  EnginePeer engine;
-  LibsslPeer peer({.identity = &IdentityOf(KeyKind::kRsa2048), .version = TLS1_3_VERSION, .requestCertificate = true});
-  engine.context.localCertificates = {IdentityOf(KeyKind::kP256).certificate};
-  engine.context.localPrivateKey.assign(30, 7);
-  engine.StartClient(kFeatureTls13);
-  Converse(engine, peer);
-  EXPECT_EQ(engine.context.lastError.description, "Unsupported private key");
-  EXPECT_EQ(engine.context.lastError.alertCode, 40);
-}
-
-TEST(TlsEngine, UndecodableServerKeyIsTold) {
-  EnginePeer engine;
-  engine.failed = !TlsInitServer(engine.context, "", {FromHex("00")}, FromHex("00"), "", kBoth);
-  LibsslPeer peer({.server = false});
-  Converse(engine, peer);
-  EXPECT_EQ(engine.context.lastError.description, "Unsupported certificate");
-  EXPECT_EQ(engine.context.lastError.alertCode, 40);
+TEST(TlsEngine, UndecodableKeyIsTold) {
+  for (const bool client : {true, false}) {
+    EnginePeer engine;
+    LibsslPeer peer({.server = client, .identity = &IdentityOf(KeyKind::kRsa2048), .requestCertificate = client});
+    engine.context.localCertificates = {IdentityOf(KeyKind::kP256).certificate};
+    if (client) {
+      engine.context.localPrivateKey.assign(30, 7);
+      engine.StartClient(kFeatureTls13);
+    } else {
+      engine.failed = !TlsInitServer(engine.context, "", {FromHex("00")}, FromHex("00"), "", kBoth);
+    }
+    Converse(engine, peer);
+    EXPECT_EQ(engine.context.lastError.description, client ? "Unsupported private key" : "Unsupported certificate");
+    EXPECT_EQ(engine.context.lastError.alertCode, 40);
+  }
 }
 
 }  // namespace
