@@ -57,10 +57,15 @@ class Market:
             stamp = self.stamp(quote["trade_date"])
             if symbol in self.quotes and stamp < self.quotes[symbol][6]:
                 continue
-            prices = [number_text(quote[key]) for key in ("open", "high", "low")]
+            if quote["last"] is None:
+                continue
+            # Before the first trade of a day.
+            prices = [number_text(quote["last"] if quote[key] is None else quote[key])
+                      for key in ("open", "high", "low")]
+            volume = "1" if quote["volume"] == "0" else quote["volume"]
             self.quotes[symbol] = [
-                number_text(quote["last"]), percent_text(float(quote["change_percentage"])), *prices,
-                number_text(quote["volume"]), stamp]
+                number_text(quote["last"]), percent_text(float(quote["change_percentage"] or 0)), *prices,
+                number_text(volume), stamp]
             self.closes[symbol] = number_text(quote["prevclose"])
             self.books[symbol] = f'{quote["bid"]}|{quote["bidsize"]}@{quote["ask"]}|{quote["asksize"]}'
             self.messages.pop(symbol, None)
@@ -101,6 +106,8 @@ class Market:
             self.books[symbol] = "{}|{}@{}|{}".format(*fields)
         expected = {f"{symbol}-bid@ask": book for symbol, book in self.books.items()}
         for symbol, record in self.quotes.items():
+            if "-" in symbol:  # would break the record, so there is none
+                continue
             expected[symbol] = "-".join([symbol, *record[:6], "1", "1", record[6]])
         return expected
 

@@ -214,9 +214,11 @@ class Records {
   void TakeQuote(const rapidjson::Value& quote) {
     m_symbol = Text(quote, "symbol");
     Record& record = m_records[m_symbol];
+    // Before the first trade of a day the last price stands in for nulls.
     const auto price = [&](const char* key) {
+      const std::string_view value = Text(quote, key);
       std::string text;
-      AppendNumber(text, ToNumber(Text(quote, key)));
+      AppendNumber(text, ToNumber(value.empty() ? Text(quote, "last") : value));
       return text;
     };
     record.last = price("last");
@@ -226,7 +228,7 @@ class Records {
     record.low = price("low");
     record.highValue = ToNumber(record.high);
     record.lowValue = ToNumber(record.low);
-    record.volume = ToNumber(Text(quote, "volume"));
+    record.volume = std::max(ToNumber(Text(quote, "volume")), 1.0);
     record.previousClose = ToNumber(Text(quote, "prevclose"));
     SetStamp(Text(quote, "trade_date"));
     record.stamp = m_stamp;
@@ -262,6 +264,7 @@ class Records {
   }
 
   void SaveRecord(const Record& record) {
+    if (m_symbol.find('-') != std::string::npos) return;  // it would break the record
     m_value.assign(m_symbol);
     for (const std::string* field : {&record.last, &record.change, &record.open, &record.high, &record.low}) {
       m_value.append("-").append(*field);
