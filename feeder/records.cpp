@@ -54,11 +54,14 @@ void WriteRefreshTime(providers::Context& context, std::string_view symbol) {
                             platform::NumberText(seconds));
 }
 
+void AppendBook(std::string& text, const Book& book) {
+  text.append(book.bid).append("|").append(book.bidSize).append("@").append(book.ask).append("|").append(book.askSize);
+}
+
 void WriteBook(providers::Context& context, std::string_view symbol, const Book& book) {
   std::string text;
-  text.reserve(book.bid.size() + book.bidSize.size() + book.ask.size() + book.askSize.size() + 3);
-  text.append(book.bid).append("|").append(book.bidSize).append("@").append(book.ask).append("|").append(book.askSize);
-  context.store.SaveSetting(context.settingsApp, providers::kFeederSection, KeyOf(symbol, "-bid@ask"), text);
+  AppendBook(text, book);
+  context.store.SaveSetting(context.settingsApp, providers::kFeederSection, KeyOf(symbol, kBookEnding), text);
 }
 
 }  // namespace quenmark::feeder

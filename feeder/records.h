@@ -33,6 +33,8 @@ struct Book {
   std::string_view ask;
   std::string_view askSize;
 };
+inline constexpr std::string_view kBookEnding = "-bid@ask";
+void AppendBook(std::string& text, const Book& book);
 void WriteBook(providers::Context& context, std::string_view symbol, const Book& book);
 
 }  // namespace quenmark::feeder

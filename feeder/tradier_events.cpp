@@ -125,7 +125,10 @@ void TradierEvents::HandleStreamEvent(std::string_view event) {
   if (fields[kName].empty()) return;
   if (fields[kType] == "quote") {
     AssignUpper(m_symbol, fields[kName]);
-    WriteBook(m_context, m_symbol, {fields[kBid], fields[kBidSize], fields[kAsk], fields[kAskSize]});
+    m_key.assign(m_symbol).append(kBookEnding);
+    m_record.clear();
+    AppendBook(m_record, {fields[kBid], fields[kBidSize], fields[kAsk], fields[kAskSize]});
+    m_context.store.SaveSetting(m_context.settingsApp, providers::kFeederSection, m_key, m_record);
   } else if (fields[kType] == "timesale") {
     AssignUpper(m_symbol, fields[kName]);
     if (!providers::UnixToStamp(fields[kDate], m_context.gmtOffsetMinutes, m_stamp)) return;

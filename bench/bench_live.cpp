@@ -1,0 +1,222 @@
+// One event of the live stream: its text handled without a store beside RapidJSON parsing the same text, the cost by
+// the number of symbols up to the hand-over to the store and with the commit, and allocations per event, of which there
+// are none.
+#include "feeder/tradier_events.h"
+#include "platform/sqlite_store.h"
+#include "tests/support/manual_clock.h"
+#include "tests/support/temporary_folder.h"
+
+#include <benchmark/benchmark.h>
+#include <rapidjson/document.h>
+
+#include <array>
+#include <charconv>
+#include <cstdlib>
+#include <memory>
+#include <new>
+#include <string>
+#include <string_view>
+
+namespace {
+
+thread_local std::size_t allocations = 0;
+
+}  // namespace
+
+// Not inlined: seen side by side, malloc and delete look mismatched to the compiler.
+[[gnu::noinline]] void* operator new(std::size_t size) {
+  ++allocations;
+  if (void* memory = std::malloc(size)) return memory;
+  throw std::bad_alloc();
+}
+[[gnu::noinline]] void operator delete(void* memory) noexcept {
+  std::free(memory);
+}
+[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept {
+  std::free(memory);
+}
+
+namespace quenmark::bench {
+namespace {
+
+constexpr std::string_view kRecord = "SYM00000-346.29-2.66-340.64-349.05-337.72-23212592-1-1-20190101093000";
+constexpr std::string_view kApp = "Quenmark_Tradier_1_";
+
+// Knows one record for all symbols and takes what it is given.
+class NoStore final : public platform::SettingsStore {
+ public:
+  void Read(std::string_view, std::string_view, std::string_view key, std::string& value) override {
+    value.assign(key.ends_with("-pc") ? "337.32" : kRecord);
+  }
+  void SaveSetting(std::string_view, std::string_view, std::string_view, std::string_view value) override {
+    bytes += value.size();
+  }
+  Pairs GetAllSettings(std::string_view, std::string_view) override { return {}; }
+  std::uint64_t SectionRevision(std::string_view, std::string_view) override { return 1; }
+  void DeleteSetting(std::string_view, std::string_view, std::string_view) override {}
+  void DeleteSection(std::string_view, std::string_view) override {}
+  void DeleteApplication(std::string_view) override {}
+  std::vector<std::string> Applications() override { return {}; }
+  std::vector<std::string> Sections(std::string_view) override { return {}; }
+  void Flush() override {}
+
+  std::size_t bytes = 0;
+};
+
+struct NoHttp final : platform::HttpClient {
+  std::unique_ptr<platform::HttpRequest> CreateRequest() override { return nullptr; }
+  std::unique_ptr<platform::HttpStream> CreateStream() override { return nullptr; }
+  void SetLimits(const platform::HttpLimits&) override {}
+};
+
+struct NoProcesses final : platform::ProcessList {
+  std::vector<platform::ProcessEntry> List() override { return {}; }
+  bool End(platform::ProcessId) override { return false; }
+  int Launch(const std::string&) override { return 0; }
+};
+
+struct Bench {
+  explicit Bench(platform::SettingsStore& store)
+      : context{.store = store,
+                .loop = loop,
+                .clock = clock,
+                .http = http,
+                .processes = processes,
+                .log = log,
+                .programFolder = {},
+                .endProcess = [] { std::abort(); }} {
+    context.settingsApp = kApp;
+    context.gmtOffsetMinutes = 240;
+  }
+
+  test::ManualClock clock;
+  platform::MessageLoop loop{clock};
+  platform::Log log;
+  NoHttp http;
+  NoProcesses processes;
+  providers::Context context;
+  feeder::TradierEvents events{context};
+};
+
+enum Kind : int { kQuote, kTimesale };
+
+// A text as the provider sends it, its symbol and date changed in place: like a receive buffer it stays in the cache.
+class EventText {
+ public:
+  explicit EventText(int kind)
+      : m_text(kind == kQuote
+                   ? R"({"type":"quote","symbol":"SYM00000","bid":281.84,"bidsz":60,"bidexch":"M","biddate":)"
+                     R"("1557757189000","ask":281.85,"asksz":6,"askexch":"Z","askdate":"1557757190000"})"
+                   : R"({"type":"timesale","symbol":"SYM00000","exch":"Q","bid":"282.08","ask":"282.09","last":)"
+                     R"("282.0900","size":"100","date":"1557758874355","seq":352795,"flag":"","cancel":false,)"
+                     R"("correction":false,"session":"normal"})"),
+        m_symbol(m_text.find("SYM") + 3),
+        m_changing(m_text.find(kind == kQuote ? "281.84" : "1557758874") + 4),
+        m_digits(kind == kQuote ? 2 : 6) {}
+
+  // Every turn through the symbols has another price or second.
+  std::string_view Next(std::size_t symbols) {
+    const std::size_t turn = m_count / symbols;
+    Digits(m_symbol, 5, m_count % symbols);
+    Digits(m_changing, m_digits, turn);
+    ++m_count;
+    return m_text;
+  }
+
+ private:
+  void Digits(std::size_t at, std::size_t count, std::size_t value) {
+    for (std::size_t i = count; i-- > 0; value /= 10) m_text[at + i] = static_cast<char>('0' + value % 10);
+  }
+
+  std::string m_text;
+  std::size_t m_symbol;
+  std::size_t m_changing;
+  std::size_t m_digits;
+  std::size_t m_count = 0;
+};
+
+void RequireNoAllocations(benchmark::State& state, std::size_t before) {
+  const double each = static_cast<double>(allocations - before) / static_cast<double>(state.iterations());
+  state.counters["allocations"] = each;
+  if (each > 0.001) state.SkipWithError("an event allocates");
+}
+
+void Handle(benchmark::State& state) {
+  NoStore store;
+  Bench bench(store);
+  EventText text(static_cast<int>(state.range(0)));
+  bench.events.HandleStreamEvent(text.Next(50));
+  const std::size_t before = allocations;
+  for (auto unused : state) bench.events.HandleStreamEvent(text.Next(50));
+  if (store.bytes < 10 * static_cast<std::size_t>(state.iterations())) state.SkipWithError("events were lost");
+  RequireNoAllocations(state, before);
+}
+BENCHMARK(Handle)->Arg(kQuote)->Arg(kTimesale);
+
+void RapidJson(benchmark::State& state) {
+  using Pool = rapidjson::MemoryPoolAllocator<>;
+  using Document = rapidjson::GenericDocument<rapidjson::UTF8<>, Pool, Pool>;
+  EventText text(static_cast<int>(state.range(0)));
+  std::array<char, 8192> values;
+  std::array<char, 8192> stack;
+  for (auto unused : state) {
+    Pool valuePool(values.data(), values.size());
+    Pool stackPool(stack.data(), stack.size());
+    Document document(&valuePool, 4096, &stackPool);
+    const std::string_view event = text.Next(50);
+    document.Parse(event.data(), event.size());
+    if (document.HasParseError()) state.SkipWithError("no JSON");
+    benchmark::DoNotOptimize(document.MemberCount());
+  }
+}
+BENCHMARK(RapidJson)->Arg(kQuote)->Arg(kTimesale);
+
+// A quote and a timesale for each turn.
+void HandOver(benchmark::State& state) {
+  NoStore store;
+  Bench bench(store);
+  EventText quote(kQuote);
+  EventText timesale(kTimesale);
+  const auto symbols = static_cast<std::size_t>(state.range(0));
+  for (auto unused : state) {
+    bench.events.HandleStreamEvent(quote.Next(symbols));
+    bench.events.HandleStreamEvent(timesale.Next(symbols));
+  }
+  state.SetItemsProcessed(2 * static_cast<std::int64_t>(state.iterations()));
+}
+BENCHMARK(HandOver)->Arg(50)->Arg(2000)->Arg(10000);
+
+// The same, committed after every 100 events.
+void HandleAndCommit(benchmark::State& state) {
+  const test::TemporaryFolder folder;
+  platform::SystemClock clock;
+  const auto store = platform::SqliteStore::Open(folder.File("settings.db"), clock);
+  Bench bench(*store);
+  const auto symbols = static_cast<std::size_t>(state.range(0));
+  EventText quote(kQuote);
+  EventText timesale(kTimesale);
+  std::string symbol;
+  for (std::size_t i = 0; i < symbols; ++i) {
+    symbol = std::to_string(100000 + i).replace(0, 1, "SYM");
+    store->SaveSetting(kApp, providers::kFeederSection, symbol, std::string(kRecord).replace(0, 8, symbol));
+    store->SaveSetting(kApp, providers::kFeederSection, symbol + "-pc", "337.32");
+  }
+  store->Flush();
+  std::size_t count = 0;
+  const auto run = [&] {
+    bench.events.HandleStreamEvent(quote.Next(symbols));
+    bench.events.HandleStreamEvent(timesale.Next(symbols));
+    if (++count % 50 == 0) store->Flush();
+  };
+  for (std::size_t i = 0; i < 2 * symbols; ++i) run();  // every record is in memory from then on
+  const std::size_t before = allocations;
+  for (auto unused : state) run();
+  RequireNoAllocations(state, before);
+  state.SetItemsProcessed(2 * static_cast<std::int64_t>(state.iterations()));
+}
+BENCHMARK(HandleAndCommit)->Arg(50)->Arg(2000)->Arg(10000);
+
+}  // namespace
+}  // namespace quenmark::bench
+
+BENCHMARK_MAIN();
