@@ -4,6 +4,7 @@
 #include "platform/sqlite_store.h"
 #include "tests/support/manual_clock.h"
 #include "tests/support/temporary_folder.h"
+#include "websocket/tls_transport.h"
 
 #include <benchmark/benchmark.h>
 
@@ -125,7 +126,7 @@ void MainTickNothingChanged(benchmark::State& state) {
   configure("#", "1-SandBox");
   configure("t", "c2VjcmV0");
   configure("EP", "https://sandbox.invalid/v1/");
-  feeder::frmPBF form(bench.context, websocket::WebsocketServices{});
+  feeder::frmPBF form(bench.context, websocket::MakeWebsocketServices(bench.loop, nullptr));
   form.Form_Load();
   for (auto unused : state) form.Timer1_Timer();
 }

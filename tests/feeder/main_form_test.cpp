@@ -4,6 +4,7 @@
 #include "platform/number_text.h"
 #include "tests/support/feeder_fixture.h"
 #include "tests/support/simulator_process.h"
+#include "websocket/tls_transport.h"
 
 #include <nlohmann/json.hpp>
 
@@ -61,7 +62,7 @@ class MainForm : public FeederFixture {
   static std::string NumberOf(const std::string& text) { return platform::NumberText(platform::ReadNumber(text)); }
 
   feeder::frmPBF& Start() {
-    form = std::make_unique<feeder::frmPBF>(context, websocket::WebsocketServices{});
+    form = std::make_unique<feeder::frmPBF>(context, websocket::MakeWebsocketServices(loop, nullptr));
     form->Form_Load();
     return *form;
   }
@@ -255,6 +256,7 @@ TEST_F(MainForm, EndsWhenNoHostRuns) {
 
 TEST_F(MainForm, LiveTickEndsWithoutAHostCheck) {
   Configure("EP", Simulator().PlainBase() + "/v1/");
+  store->SaveSetting("Quenmark", "Hosts", "Stream", "wss://127.0.0.1:1/");
   processes.running.clear();
   EXPECT_NO_THROW(Start());
 }
