@@ -36,6 +36,7 @@ int main(int argc, char** argv) {
   std::vector<std::string> kinds;
   std::optional<std::int64_t> step;
   double sessionLife = 300;
+  std::int64_t newsInterval = service.news.interval.count();
   app.add_option("--https-port", options.httpsPort, "port for HTTPS, 0 takes a free one");
   app.add_option("--http-port", options.httpPort, "port for HTTP, 0 takes a free one");
   app.add_option("--wss-port", options.wssPort, "second port for HTTPS, with a certificate of its own");
@@ -52,7 +53,7 @@ int main(int argc, char** argv) {
       ->check(CLI::IsMember({"open", "pre", "post", "closed"}))
       ->capture_default_str();
   app.add_option("--provider", provider, "serve the endpoints of this provider only")
-      ->check(CLI::IsMember({"tradier", "tradestation"}));
+      ->check(CLI::IsMember({"tradier", "tradestation", "vendor"}));
   app.add_option("--rate", service.events.rate,
                  "updates per second on each stream; 0: as fast as the client takes them")
       ->check(CLI::Range(simulator::kLeastRate, simulator::kMostRate) | CLI::IsMember({0.0}))
@@ -75,13 +76,20 @@ int main(int argc, char** argv) {
       ->capture_default_str();
   app.add_flag("--latency", service.events.latency, "events carry the time of their sending");
   app.add_flag("--deflate", service.events.deflate, "compress event streams for clients that offer it");
+  app.add_option("--news", service.news.history, "news items at start")
+      ->check(CLI::Range(0, 1'000'000))
+      ->capture_default_str();
+  app.add_option("--news-interval", newsInterval, "seconds between new news items")
+      ->check(CLI::Range(1, 86'400))
+      ->capture_default_str();
   app.add_option("--chunks", chunks, "where the chunks of a stream end")
       ->check(CLI::IsMember({"object", "random", "byte"}))
       ->capture_default_str();
-  app.add_option(
-         "--fault", faults,
-         "KIND[@PATH][*COUNT]; KIND is status401, status429, status500, slow[MS], cut, html, empty or huge; for "
-         "streams also stall, drip, end, goaway, close[CODE], tlsclose, reset, garbage or halfframe")
+  app.add_option("--fault", faults,
+                 "KIND[@PATH][*COUNT]; KIND is status401, status429, status500, slow[MS], cut, reset, html, empty, "
+                 "huge, http10, "
+                 "chunked or odd; for "
+                 "streams also stall, drip, end, goaway, close[CODE], tlsclose, reset, garbage or halfframe")
       ->check(CheckFault)
       ->expected(1)
       ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
@@ -100,6 +108,7 @@ int main(int argc, char** argv) {
   service.streams.seed = service.events.seed = service.market.seed;
   service.streams.rate = service.events.rate;
   service.events.sessionLife = std::chrono::milliseconds{std::llround(sessionLife * 1000)};
+  service.news.interval = std::chrono::seconds{newsInterval};
   if (step) service.events.step = std::chrono::milliseconds{*step};
   for (const std::string& kind : kinds) service.events.kinds.push_back(*simulator::ParseEventKind(kind));
   service.market.session = *simulator::ParseSession(session);

@@ -8,6 +8,7 @@
 namespace quenmark::simulator {
 namespace {
 
+constexpr unsigned kAnswers = 1U << static_cast<unsigned>(FaultTarget::kAnswer);
 constexpr unsigned kQuotes = 1U << static_cast<unsigned>(FaultTarget::kQuoteStream);
 constexpr unsigned kEvents = 1U << static_cast<unsigned>(FaultTarget::kEventStream);
 constexpr unsigned kAll = ~0U;
@@ -19,7 +20,7 @@ struct KindRow {
   unsigned number = 0;  // where the name stands without one
   unsigned most = 0;    // number that may follow the name; 0: none may
 };
-constexpr std::array<KindRow, 17> kKinds{{
+constexpr std::array<KindRow, 20> kKinds{{
     {FaultKind::kStatus401, "status401", kAll},
     {FaultKind::kStatus429, "status429", kAll},
     {FaultKind::kStatus500, "status500", kAll},
@@ -34,9 +35,12 @@ constexpr std::array<KindRow, 17> kKinds{{
     {FaultKind::kGoAway, "goaway", kQuotes},
     {FaultKind::kClose, "close", kEvents, 1'001, 4'999},
     {FaultKind::kTlsClose, "tlsclose", kEvents},
-    {FaultKind::kReset, "reset", kEvents},
+    {FaultKind::kReset, "reset", kEvents | kAnswers},
     {FaultKind::kGarbage, "garbage", kEvents},
     {FaultKind::kHalfFrame, "halfframe", kEvents},
+    {FaultKind::kHttp10, "http10", kAnswers},
+    {FaultKind::kChunked, "chunked", kAnswers},
+    {FaultKind::kOdd, "odd", kAnswers},
 }};
 
 const KindRow& RowOf(FaultKind kind) {

@@ -28,9 +28,13 @@ enum class FaultKind {
   // Event streams only:
   kClose,      // a close frame; "close1011" with this status, "close" alone 1001
   kTlsClose,   // the TLS connection ends without a close frame
-  kReset,      // the TCP connection is reset
+  kReset,      // the TCP connection is reset; hits answers too
   kGarbage,    // bytes that are no frame
   kHalfFrame,  // half a frame, then the connection is dropped
+  // Answers only:
+  kHttp10,   // the status line says HTTP/1.0
+  kChunked,  // the body goes in chunks
+  kOdd,      // the vendor's quotes and news with content that no reader expects
 };
 std::string_view FaultName(FaultKind kind);
 // What a fault can hit: any answer (that a stream's begin is one of), quote streams or event streams.

@@ -21,7 +21,11 @@ std::string QueryText(std::string_view text) {
 }  // namespace
 
 std::string_view HttpRequest::Path() const {
-  return std::string_view{target}.substr(0, target.find('?'));
+  std::string_view path = std::string_view{target}.substr(0, target.find('?'));
+  if (const std::size_t mark = path.find("://"); mark != std::string_view::npos && !path.starts_with('/')) {
+    path = path.substr(std::min(path.find('/', mark + 3), path.size()));
+  }
+  return path;
 }
 
 std::string_view HttpRequest::Header(std::string_view name) const {

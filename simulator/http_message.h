@@ -22,7 +22,7 @@ struct HttpRequest {
   NamedTexts headers;  // in the order received
   std::string body;
 
-  // The part of the target before "?".
+  // The part of the target before "?", without scheme and host where it has them (RFC 9112 §3.2.2).
   std::string_view Path() const;
   // The value of the first header of that name, compared without regard to case; empty when there is none.
   std::string_view Header(std::string_view name) const;
@@ -33,7 +33,11 @@ struct HttpAnswer {
   std::string contentType = "application/json";
   std::string contentEncoding;  // none when empty
   std::string body;
-  std::size_t padding = 0;              // blanks sent behind the body, counted in Content-Length
+  std::size_t padding = 0;  // blanks sent behind the body, counted in Content-Length
+  std::string_view version = "HTTP/1.1";
+  bool close = false;                   // the connection ends behind it
+  bool chunked = false;                 // the body goes in chunks
+  bool reset = false;                   // the connection is reset in place of the answer
   bool cut = false;                     // the connection is dropped in the middle of the body
   std::shared_ptr<QuoteStream> stream;  // sends the body in chunks, in place of `body`; none when empty
   std::shared_ptr<EventStream> events;  // the connection becomes a WebSocket connection with it; none when empty

@@ -34,6 +34,7 @@ using boost::system::error_code;
 using PlainStream = beast::tcp_stream;
 using TlsStream = beast::ssl_stream<beast::tcp_stream>;
 
+constexpr std::chrono::seconds kEndLimit{2};
 constexpr std::chrono::seconds kIdleLimit{120};  // for a handshake, a request or an answer to make progress
 
 // Blanks for padded answers, sent over and over.
@@ -44,10 +45,11 @@ const std::string& PaddingBlock() {
 
 std::string Head(const HttpAnswer& answer, bool keepAlive) {
   const std::string reason = http::obsolete_reason(static_cast<http::status>(answer.status)).to_string();
-  const std::string length = answer.stream ? "Transfer-Encoding: chunked"
-                                           : fmt::format("Content-Length: {}", answer.body.size() + answer.padding);
-  std::string head = fmt::format("HTTP/1.1 {} {}\r\nContent-Type: {}\r\n{}\r\nConnection: {}\r\n", answer.status,
-                                 reason, answer.contentType, length, keepAlive ? "keep-alive" : "close");
+  const std::string length = answer.stream || answer.chunked
+                                 ? "Transfer-Encoding: chunked"
+                                 : fmt::format("Content-Length: {}", answer.body.size() + answer.padding);
+  std::string head = fmt::format("{} {} {}\r\nContent-Type: {}\r\n{}\r\nConnection: {}\r\n", answer.version,
+                                 answer.status, reason, answer.contentType, length, keepAlive ? "keep-alive" : "close");
   if (!answer.contentEncoding.empty()) head += "Content-Encoding: " + answer.contentEncoding + "\r\n";
   return head + "\r\n";
 }
@@ -57,6 +59,13 @@ std::string Chunk(const std::string& bytes) {
   return fmt::format("{:x}\r\n{}\r\n", bytes.size(), bytes);
 }
 constexpr std::string_view kLastChunk = "0\r\n\r\n";
+
+std::string Chunked(const std::string& body) {
+  constexpr std::size_t kSize = 1'000;
+  std::string chunks;
+  for (std::size_t begin = 0; begin < body.size(); begin += kSize) chunks += Chunk(body.substr(begin, kSize));
+  return chunks + std::string{kLastChunk};
+}
 
 template <typename Stream>
 class HttpSession : public std::enable_shared_from_this<HttpSession<Stream>> {
@@ -150,6 +159,9 @@ class HttpSession : public std::enable_shared_from_this<HttpSession<Stream>> {
 
   void Send(HttpAnswer answer) {
     m_answer = std::move(answer);
+    if (m_answer.reset) return Reset();
+    if (m_answer.close) m_keepAlive = false;
+    if (m_answer.chunked) m_answer.body = Chunked(m_answer.body);
     m_head = Head(m_answer, m_keepAlive);
     std::vector<asio::const_buffer> pieces{asio::buffer(m_head)};
     if (m_answer.cut) {
@@ -164,6 +176,12 @@ class HttpSession : public std::enable_shared_from_this<HttpSession<Stream>> {
     Lowest().expires_after(kIdleLimit);
     asio::async_write(m_stream, pieces,
                       [self = this->shared_from_this()](error_code error, std::size_t) { self->OnSent(error); });
+  }
+
+  void Reset() {
+    error_code ignored;
+    Lowest().socket().set_option(asio::socket_base::linger{true, 0}, ignored);
+    Lowest().close();
   }
 
   void OnSent(error_code error) {
@@ -250,8 +268,9 @@ class HttpSession : public std::enable_shared_from_this<HttpSession<Stream>> {
     }
   }
 
+  // A client that does not end its side in time is left.
   void Shutdown() {
-    Lowest().expires_after(kIdleLimit);
+    Lowest().expires_after(kEndLimit);
     if constexpr (kTls) {
       m_stream.async_shutdown([self = this->shared_from_this()](error_code) {});
     } else {

@@ -184,6 +184,9 @@ StreamPiece::Then QuoteStream::FaultStep(StreamPiece& piece) {
     case FaultKind::kReset:
     case FaultKind::kGarbage:
     case FaultKind::kHalfFrame:
+    case FaultKind::kHttp10:
+    case FaultKind::kChunked:
+    case FaultKind::kOdd:
       break;
   }
   CutIntoChunks(piece, HeldBack());

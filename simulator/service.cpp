@@ -52,9 +52,26 @@ std::optional<HttpAnswer> Replacement(FaultKind kind, bool tradeStation) {
     case FaultKind::kReset:
     case FaultKind::kGarbage:
     case FaultKind::kHalfFrame:
+    case FaultKind::kHttp10:
+    case FaultKind::kChunked:
+    case FaultKind::kOdd:
       break;
   }
   return std::nullopt;
+}
+
+// The client does not get the whole answer.
+bool Spoils(FaultKind kind) {
+  return kind != FaultKind::kSlow && kind != FaultKind::kHttp10 && kind != FaultKind::kChunked &&
+         kind != FaultKind::kOdd;
+}
+
+void Apply(FaultKind kind, HttpAnswer& answer) {
+  answer.cut = kind == FaultKind::kCut;
+  answer.reset = kind == FaultKind::kReset;
+  answer.chunked = kind == FaultKind::kChunked;
+  if (kind == FaultKind::kHttp10) answer.version = "HTTP/1.0";
+  if (kind == FaultKind::kHuge && answer.body.size() < kHugeAnswer) answer.padding = kHugeAnswer - answer.body.size();
 }
 
 std::string_view Trimmed(std::string_view text) {
@@ -69,6 +86,7 @@ std::string_view Trimmed(std::string_view text) {
 std::optional<Provider> ParseProvider(std::string_view text) {
   if (text == "tradier") return Provider::kTradier;
   if (text == "tradestation") return Provider::kTradeStation;
+  if (text == "vendor") return Provider::kVendor;
   return std::nullopt;
 }
 
@@ -78,7 +96,7 @@ Service::Service(const ServiceOptions& options)
       m_log(options.logFile),
       m_tradier(m_market, m_sent, m_events, options.token),
       m_tradeStation(m_market, m_sent, m_log, options.streams, options.token),
-      m_vendor(m_market),
+      m_vendor(m_market, m_sent, m_events, options.news),
       m_provider(options.provider),
       m_gzip(options.gzip) {
   for (const Fault& fault : options.faults) {
@@ -110,17 +128,16 @@ std::optional<std::string_view> Service::StationEndpoint(const HttpRequest& requ
 HttpAnswer Service::Answer(const HttpRequest& request, const std::optional<Fault>& fault) {
   std::optional<HttpAnswer> replacement;
   if (fault) replacement = Replacement(fault->kind, StationEndpoint(request).has_value());
-  const bool whole = !fault || fault->kind == FaultKind::kSlow;
-  HttpAnswer answer = replacement ? std::move(*replacement) : Route(request, whole);
+  const bool whole = !fault || !Spoils(fault->kind);
+  const bool odd = fault && fault->kind == FaultKind::kOdd;
+  HttpAnswer answer = replacement ? std::move(*replacement) : Route(request, whole, odd);
   if (!replacement && IsEvents(request)) {
     answer = TextAnswer(101, "", "");
     answer.events = std::make_shared<EventStream>(m_events, fault);
   } else if (fault && answer.stream) {
     answer.stream->Commit(fault->kind);
-  } else if (fault && fault->kind == FaultKind::kCut) {
-    answer.cut = true;
-  } else if (fault && fault->kind == FaultKind::kHuge && answer.body.size() < kHugeAnswer) {
-    answer.padding = kHugeAnswer - answer.body.size();
+  } else if (fault) {
+    Apply(fault->kind, answer);
   }
   const bool compressible = m_gzip && answer.padding == 0 && answer.body.size() >= kLeastCompressed;
   if (compressible && request.Header("Accept-Encoding").find("gzip") != std::string_view::npos) {
@@ -135,7 +152,7 @@ void Service::Abandon(const HttpRequest& request, const std::optional<Fault>& fa
   m_log.Request(request, 0, fault ? FaultName(fault->kind) : "", m_market.Now());
 }
 
-HttpAnswer Service::Route(const HttpRequest& request, bool recorded) {
+HttpAnswer Service::Route(const HttpRequest& request, bool recorded, bool odd) {
   constexpr std::string_view kLiveBase = "/v1/";
   constexpr std::string_view kSandboxBase = "/sandbox/v1/";
   const std::string_view path = request.Path();
@@ -148,7 +165,7 @@ HttpAnswer Service::Route(const HttpRequest& request, bool recorded) {
     if (path.starts_with(kSandboxBase))
       return m_tradier.Answer(request, path.substr(kSandboxBase.size()), true, recorded);
   }
-  if (std::optional<HttpAnswer> answer = m_vendor.Answer(request)) return std::move(*answer);
+  if (std::optional<HttpAnswer> answer = m_vendor.Answer(request, recorded, odd)) return std::move(*answer);
   return TextAnswer(404, "text/plain", "Not Found");
 }
 

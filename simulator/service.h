@@ -17,15 +17,16 @@
 
 namespace quenmark::simulator {
 
-enum class Provider { kTradier, kTradeStation };
-// "tradier" or "tradestation"; nothing for other texts.
+enum class Provider { kTradier, kTradeStation, kVendor };
+// "tradier", "tradestation" or "vendor"; nothing for other texts.
 std::optional<Provider> ParseProvider(std::string_view text);
 
 struct ServiceOptions {
   MarketOptions market;
   StreamOptions streams;
   EventOptions events;
-  std::optional<Provider> provider;  // the only one that is served; both when empty
+  NewsOptions news;
+  std::optional<Provider> provider;  // the only one that is served, the vendor beside it; all when empty
   std::vector<Fault> faults;
   std::string logFile;  // none when empty
   std::string token;    // any when empty
@@ -49,7 +50,7 @@ class Service {
   std::optional<std::string_view> StationEndpoint(const HttpRequest& request) const;
   // It asks for the market-events stream.
   bool IsEvents(const HttpRequest& request) const;
-  HttpAnswer Route(const HttpRequest& request, bool recorded);
+  HttpAnswer Route(const HttpRequest& request, bool recorded, bool odd);
   HttpAnswer Control(const HttpRequest& request);
   HttpAnswer State();
   bool ApplyFault(const std::string& text);

@@ -13,7 +13,7 @@ TEST(Faults, ReadsTheirText) {
   EXPECT_EQ(fault->path, "markets/quotes?x=1");
   EXPECT_EQ(fault->count, 3U);
   for (const char* kind : {"status401", "status429", "status500", "cut", "html", "empty", "huge", "stall", "drip",
-                           "end", "goaway", "tlsclose", "reset", "garbage", "halfframe"}) {
+                           "end", "goaway", "tlsclose", "reset", "garbage", "halfframe", "http10", "chunked", "odd"}) {
     const std::optional<Fault> plain = ParseFault(kind);
     ASSERT_TRUE(plain) << kind;
     EXPECT_EQ(FaultName(plain->kind), kind);
