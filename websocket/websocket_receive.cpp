@@ -154,7 +154,7 @@ bool WebsocketState::TakeInterleaved(const FrameHeader& header, std::size_t end)
   std::string data;
   AppendBytes(data, m_received.Unread().subspan(header.dataOffset, end - header.dataOffset));
   m_received.Consume(end);
-  return Dispatch(header.opcode, data);
+  return readyState == kStateClosing || Dispatch(header.opcode, data);
 }
 
 bool WebsocketState::FinishMessage() {

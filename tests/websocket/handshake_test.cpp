@@ -38,13 +38,10 @@ TEST(Handshake, RequestLineByLine) {
       "Sec-WebSocket-Key: k\r\nSec-WebSocket-Version: 13\r\n\r\n");
 }
 
-TEST(Handshake, OriginIsAddedOnce) {
+TEST(Handshake, WhatIsAdded) {
   const UrlFields url = Parsed("ws://host/p");
   EXPECT_EQ(WithOrigin("", url), "Origin: http://host/p\r\n");
   EXPECT_EQ(WithOrigin("ORIGIN: https://other\r\n", url), "ORIGIN: https://other\r\n");
-}
-
-TEST(Handshake, DeflateOffer) {
   EXPECT_EQ(OfferDeflate(""), "permessage-deflate; server_no_context_takeover");
   EXPECT_EQ(OfferDeflate("x-foo"), "x-foo, permessage-deflate; server_no_context_takeover");
   EXPECT_EQ(OfferDeflate("Permessage-Deflate"), "Permessage-Deflate");
@@ -157,12 +154,7 @@ TEST(Answer, OtherStatuses) {
       {"HTTP/1.1 101\r\n\r\n", Kind::kIgnored, 0, ""},
       {"HTTP/1.1 1x1 a\r\n\r\n", Kind::kIgnored, 0, ""},
       {"http/1.0 404 a\r\n\r\n", Kind::kRefused, 1002, "404: Resource Not Found."},
-      {head("305"), Kind::kProxy, 1014, "The server requires a proxy but the configuration is incorrect."},
-      {head("306"), Kind::kProxy, 1014, "The server requires a proxy but the configuration is incorrect."},
-      {head("426"), Kind::kRefused, 1002, "The requested sub-protocol(s) are not supported."},
-      {head("410"), Kind::kRefused, 1002, "410: Resource Not Found."},
       {head("402"), Kind::kRefused, 1008, "Payment Required."},
-      {head("304"), Kind::kRefused, 1003, "An HTTP code (304) was recieived but could not be processed."},
       {head("302"), Kind::kBadRedirect, 1014, "A redirect by the server could not be processed."},
       {head("302", "Location: http://hi\r\n"), Kind::kRedirect, 0, "ws://hi"},
       {head("302", "Location: ws://abcd\r\n"), Kind::kRedirect, 0, "ws://abcd"},

@@ -123,10 +123,10 @@ TEST_P(Interop, EchoOfEverySizeWithEveryKindOfDeflate) {
     std::string deflate;
     std::string offer;  // an empty one is the component's own
     std::string expected;
-    std::size_t largest = std::size_t{1} << 20;
+    std::size_t largest = 65536;
   } rows[] = {
       {"off", "", "", std::size_t{16} << 20},
-      {"on", "", "server_no_context_takeover"},
+      {"on", "", "server_no_context_takeover", std::size_t{1} << 20},
       {"on", "permessage-deflate", "permessage-deflate"},  // the server keeps its context
       {"server_no_context_takeover", "", "server_no_context_takeover"},
       {"client_no_context_takeover", "", "client_no_context_takeover"},

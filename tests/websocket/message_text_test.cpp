@@ -17,7 +17,7 @@ TEST(MessageText, WellFormedTextStays) {
 }
 
 TEST(MessageText, MalformedTextIsReplacedWhereverItStands) {
-  for (std::size_t offset = 0; offset <= 70; ++offset) {
+  for (std::size_t offset = 0; offset <= 140; ++offset) {
     std::string text = std::string(offset, 'a') + "\xE2\x82" + std::string(40, 'b');
     EXPECT_FALSE(IsUtf8(text));
     RepairUtf8(text);

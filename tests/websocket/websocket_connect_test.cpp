@@ -33,8 +33,8 @@ TEST_F(WebsocketConnect, BecomesOpen) {
   EXPECT_THAT(request, HasSubstr("\r\nX-One: 1\r\nX-Two: 2\r\nOrigin: https://host/p\r\n"));
   EXPECT_THAT(request, HasSubstr("Sec-WebSocket-Protocol: a, b\r\n"));
   EXPECT_THAT(request, Not(HasSubstr("xtensions")));
-  Wire().Deliver(Answer(request, "Sec-WebSocket-Protocol: b\r\n"));
-  EXPECT_THAT(log, ElementsAre("connect host 192.0.2.1 444"));
+  Wire().Deliver(Answer(request, "Sec-WebSocket-Protocol: b\r\n") + ServerFrame(0x81, "at once"));
+  EXPECT_THAT(log, ElementsAre("connect host 192.0.2.1 444", "message 1 at once"));
   EXPECT_EQ(socket->readyState(), 1);
   EXPECT_EQ(socket->Protocols(), "b");
   EXPECT_EQ(socket->Status().text, "Connected!");
@@ -51,20 +51,15 @@ TEST_F(WebsocketConnect, EveryConnectionHasAKeyOfItsOwn) {
   EXPECT_NE(keys[0], keys[1]);
 }
 
-TEST_F(WebsocketConnect, BadAddress) {
+TEST_F(WebsocketConnect, NoConnection) {
   socket->Connect("ws://h", "8080", "p", "e");
-  EXPECT_THAT(log, ElementsAre("error 1011 " + kBadAddress));
+  refuseConnects = true;
+  socket->Connect("ws://host/", "", "p");
+  EXPECT_THAT(log, ElementsAre("error 1011 " + kBadAddress, "error 1011 Unable to connect."));
   EXPECT_EQ(socket->readyState(), 0);
   EXPECT_EQ(socket->Protocols(), "");
   EXPECT_EQ(socket->Status().text, "Error");
-  EXPECT_EQ(wires.size(), 1u);
-}
-
-TEST_F(WebsocketConnect, RefusedAtOnce) {
-  refuseConnects = true;
-  socket->Connect("ws://host/");
-  EXPECT_THAT(log, ElementsAre("error 1011 Unable to connect."));
-  EXPECT_EQ(socket->readyState(), 0);
+  EXPECT_EQ(wires.size(), 2u);
 }
 
 TEST_F(WebsocketConnect, ReConnectKeepsWhatConnectWasGiven) {
@@ -154,13 +149,6 @@ TEST_F(WebsocketConnect, AnswersThatFail) {
     EXPECT_EQ(Sent(), std::vector<SentFrame>(row.sendsClose ? 1 : 0, SentFrame{0x88, "", ""}));
     EXPECT_EQ(Wire().closed, row.state == 0);
   }
-}
-
-TEST_F(WebsocketConnect, FramesBehindTheAnswerAreRead) {
-  socket->Connect("ws://host/");
-  Wire().Establish();
-  Wire().Deliver(Answer(Wire().TakeSent()) + ServerFrame(0x81, "first") + ServerFrame(0x88, "\x03\xE8"));
-  EXPECT_THAT(log, ElementsAre("connect host  80", "message 1 first", "close 1000 Normal Closure."));
 }
 
 TEST_F(WebsocketConnect, RedirectsAreFollowedTenTimes) {
