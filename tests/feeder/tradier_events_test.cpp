@@ -26,6 +26,10 @@ std::string Timesale(std::string_view symbol, std::string_view last, std::string
                      symbol, last, size, date);
 }
 
+constexpr const char* kQuote =
+    R"({"type":"quote","symbol":"A","bid":281.84,"bidsz":60,"bidexch":"M","biddate":"1557757189000","ask":281.85,)"
+    R"("asksz":6,"askexch":"Z","askdate":"1557757190000"})";
+
 class StreamEvents : public FeederFixture {
  protected:
   // The record after one event on a stored record and previous close.
@@ -117,7 +121,12 @@ TEST_F(StreamEvents, FieldsAreThoseThatASearchFinds) {
                                           "2",           " ",           "{",           "type\":\"",     "\n"};
   std::mt19937 random(7);
   for (int round = 0; round < 20000; ++round) {
-    std::string text = round % 2 == 0 ? R"({"type":"quote")" : "";
+    std::string text = round % 3 == 0 ? R"({"type":"quote")" : "";
+    if (round % 3 == 2) {  // an event as the provider sends it, with something in it that is not as it should be
+      text = round % 2 == 0 ? kQuote : Timesale("A", "1");
+      const std::size_t at = random() % text.size();
+      text.replace(at, random() % 3, kPieces[random() % std::size(kPieces)]);
+    }
     for (int piece = 0; piece < 24; ++piece) text += kPieces[random() % std::size(kPieces)];
     store->DeleteSection(context.settingsApp, "Feeder");
     events.HandleStreamEvent(text);
