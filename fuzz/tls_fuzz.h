@@ -54,6 +54,8 @@ class FuzzedEngine {
   FuzzedEngine() { m_context.services = &m_services; }
 
   tls::Context& Context() { return m_context; }
+  // Says good-bye as soon as the handshake is complete, so that everything behind it comes in state 10.
+  void SetLeavesEarly(bool leaves) { m_leavesEarly = leaves; }
   bool Closed() const { return tls::TlsIsClosed(m_context); }
 
   void Feed(tls::BytesView input) {
@@ -63,6 +65,7 @@ class FuzzedEngine {
     const bool done =
         ready ? tls::TlsReceive(m_context, input, m_plaintext, output) : tls::TlsHandshake(m_context, input, output);
     Require(done || Closed());
+    if (m_leavesEarly && tls::TlsIsReady(m_context)) Require(tls::TlsShutdown(m_context, output));
     Require(m_plaintext.size() - before <= input.size() + 16640);
     Require(m_context.receiveBuffer.size() <= 16640 + 5);
     Require(m_context.reassembly.size() <= tls::kMaxHandshakeMessage + 4);
@@ -82,9 +85,10 @@ class FuzzedEngine {
   OpenCrypto m_services;
   tls::Context m_context;
   tls::Bytes m_plaintext;
+  bool m_leavesEarly = false;
 };
 
-// The first byte chooses the versions: bit 0 TLS 1.2, bit 1 TLS 1.3, neither both.
+// The first byte chooses the versions: bit 0 TLS 1.2, bit 1 TLS 1.3, neither both. Bit 3 leaves early.
 inline std::uint32_t Features(std::uint8_t choice) {
   const std::uint32_t features = (choice & 3U) << 2;
   return features == 0 ? tls::kFeatureTls12 | tls::kFeatureTls13 : features;
@@ -92,12 +96,14 @@ inline std::uint32_t Features(std::uint8_t choice) {
 
 // Starts a client, its hello sent.
 inline void StartClient(FuzzedEngine& engine, std::uint8_t choice) {
+  engine.SetLeavesEarly((choice & 8U) != 0);
   Require(tls::TlsInitClient(engine.Context(), "localhost", Features(choice), nullptr, "h2|http/1.1"));
   engine.Feed({});
 }
 
 // Starts a server; bit 2 of the choice takes the RSA key.
 inline void StartServer(FuzzedEngine& engine, std::uint8_t choice) {
+  engine.SetLeavesEarly((choice & 8U) != 0);
   const tls::BytesView key = (choice & 4U) != 0 ? tls::BytesView(kRsaServerKey) : tls::BytesView(kServerKey);
   Require(tls::TlsInitServer(engine.Context(), "",
                              {tls::Bytes(std::begin(kServerCertificate), std::end(kServerCertificate))}, key,
