@@ -121,47 +121,37 @@ TEST_F(SocketLifetime, OneHelperForAllSocketsOfTheLoopAndOnlyAsLongAsThey) {
   EXPECT_FALSE(helper.expired());
 }
 
-TEST_F(SocketLifetime, The513thSocketDoublesTheTable) {
+TEST_F(SocketLifetime, TheTableDoublesUntilTheLastMessageNumberAndTakesItsSlotsInTurn) {
   const auto helper = NotificationHelper::Of(m_loop, {});
+  const auto filler = NewSocket();
+  for (std::int32_t i = 0; i < 512; ++i) ASSERT_EQ(helper->Register(filler), i);
+  EXPECT_EQ(helper->TableSize(), 512);
   m_listener = Descriptor(PlainListener());
-  std::vector<std::shared_ptr<cAsyncSocket>> sockets;
-  for (int i = 0; i < 513; ++i) {
-    sockets.push_back(NewSocket());
-    ASSERT_TRUE(sockets.back()->Create());
-    EXPECT_EQ(helper->TableSize(), i < 512 ? 512 : 1024);
-    EXPECT_EQ(sockets.back()->SlotIndex(), i);
-  }
+  m_socket = NewSocket();
+  ASSERT_TRUE(m_socket->Connect("127.0.0.1", PortOf(m_listener)));
+  EXPECT_EQ(m_socket->SlotIndex(), 512);
+  EXPECT_EQ(helper->TableSize(), 1024);
   EXPECT_EQ(helper->RegisteredCount(), 513);
-  ASSERT_TRUE(sockets.back()->Connect("127.0.0.1", PortOf(m_listener)));
   platform::Message message;
   ASSERT_TRUE(Wait([&] { return m_loop.Peek(message, {helper->Window(), 1538, 1538}, false); }));
   ASSERT_TRUE(WaitFor("OnConnect"));
-  const std::int32_t slot = sockets[100]->SlotIndex();
-  sockets[100].reset();
-  EXPECT_EQ(helper->RegisteredCount(), 512);
   // The search goes on behind the slot taken last, and wraps round.
-  const auto next = NewSocket();
-  ASSERT_TRUE(next->Create());
-  EXPECT_EQ(next->SlotIndex(), 513);
-  std::vector<std::shared_ptr<cAsyncSocket>> rest;
-  for (int i = 514; i < 1025; ++i) {
-    rest.push_back(NewSocket());
-    ASSERT_TRUE(rest.back()->Create());
-  }
-  EXPECT_EQ(rest.back()->SlotIndex(), slot);
+  helper->Unregister(100);
+  EXPECT_EQ(helper->RegisteredCount(), 512);
+  for (std::int32_t i = 513; i < 1024; ++i) ASSERT_EQ(helper->Register(filler), i);
+  EXPECT_EQ(helper->Register(filler), 100);
   EXPECT_EQ(helper->TableSize(), 1024);
-}
-
-TEST_F(SocketLifetime, TheTableIsFullWithTheLastMessageNumber) {
-  const auto helper = NotificationHelper::Of(m_loop, {});
-  const auto socket = NewSocket();
-  for (std::int32_t i = 0; i < sockets::kLargestTableSize; ++i) ASSERT_EQ(helper->Register(socket), i);
+  for (std::int32_t i = 1024; i < sockets::kLargestTableSize; ++i) ASSERT_EQ(helper->Register(filler), i);
   EXPECT_EQ(helper->TableSize(), sockets::kLargestTableSize);
-  EXPECT_FALSE(socket->Create());
-  EXPECT_EQ(socket->LastError(), 10024);
+  m_socket = NewSocket();  // frees slot 512
+  ASSERT_TRUE(m_socket->Create());
+  EXPECT_EQ(m_socket->SlotIndex(), 512);
+  const auto last = NewSocket();
+  EXPECT_FALSE(last->Create());
+  EXPECT_EQ(last->LastError(), 10024);
   helper->Unregister(sockets::kLargestTableSize - 1);
-  EXPECT_TRUE(socket->Create());
-  EXPECT_EQ(socket->SlotIndex() + static_cast<std::int32_t>(sockets::kMessageFirstSocket), 0xBFFF);
+  EXPECT_TRUE(last->Create());
+  EXPECT_EQ(last->SlotIndex() + static_cast<std::int32_t>(sockets::kMessageFirstSocket), 0xBFFF);
 }
 
 TEST_F(SocketLifetime, StaleAndStrangeNotificationsAreIgnored) {

@@ -2,8 +2,6 @@
 
 #include "platform/winsock_errors.h"
 #include "tests/sockets/socket_fixture.h"
-#include "tests/support/child_process.h"
-#include "tests/support/name_server.h"
 
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -23,16 +21,25 @@ using Events = std::vector<std::string>;
 
 // --- Connecting ------------------------------------------------------------------------------------------------------
 
-TEST_F(AsyncSocket, ConnectsByAddressWithEventsInOrder) {
+TEST_F(AsyncSocket, ConnectsWithEventsInOrder) {
   m_recorder->notify = true;
   m_listener = Descriptor(PlainListener());
-  m_socket = NewSocket();
-  EXPECT_EQ(m_socket->SocketHandle(), -1);
-  ASSERT_TRUE(m_socket->Connect("127.0.0.1", PortOf(m_listener)));
-  EXPECT_EQ(m_socket->LastError(), 0);
-  EXPECT_TRUE(m_recorder->events.empty());
-  ASSERT_TRUE(WaitFor("After 2"));
-  EXPECT_EQ(m_recorder->events, (Events{"Before 16", "OnConnect", "After 16", "Before 2", "OnSend", "After 2"}));
+  for (const char* host : {"127.0.0.1", "localhost"}) {
+    m_socket = NewSocket();
+    EXPECT_EQ(m_socket->SocketHandle(), -1);
+    m_socket->SetLastError(5);
+    ASSERT_TRUE(m_socket->Connect(host, PortOf(m_listener)));
+    EXPECT_EQ(m_socket->LastError(), 0);
+    EXPECT_TRUE(m_recorder->events.empty());
+    const bool byName = m_socket->HasPendingResolve();
+    ASSERT_TRUE(WaitFor("After 2"));
+    EXPECT_FALSE(m_socket->HasPendingResolve());
+    Events expected{"Before 16", "OnConnect", "After 16", "Before 2", "OnSend", "After 2"};
+    if (byName) expected.insert(expected.begin(), "OnResolve 127.0.0.1");
+    EXPECT_EQ(m_recorder->events, expected);
+    EXPECT_EQ(byName, host[0] == 'l');
+    m_recorder->events.clear();
+  }
   std::string address;
   std::int32_t port = 0;
   ASSERT_TRUE(m_socket->GetPeerName(address, port));
@@ -42,91 +49,31 @@ TEST_F(AsyncSocket, ConnectsByAddressWithEventsInOrder) {
   EXPECT_EQ(port, PortOf(m_socket->SocketHandle()));
 }
 
-TEST_F(AsyncSocket, ConnectsByName) {
-  m_listener = Descriptor(PlainListener());
-  m_socket = NewSocket();
-  m_socket->SetLastError(5);
-  ASSERT_TRUE(m_socket->Connect("localhost", PortOf(m_listener)));
-  EXPECT_EQ(m_socket->LastError(), 0);
-  EXPECT_TRUE(m_socket->HasPendingResolve());
-  ASSERT_TRUE(WaitFor("OnConnect"));
-  EXPECT_FALSE(m_socket->HasPendingResolve());
-  EXPECT_EQ(m_recorder->events, (Events{"OnResolve 127.0.0.1", "OnConnect"}));
-}
-
-TEST_F(AsyncSocket, UnknownNameIsAnErrorAndNoConnect) {
-  NameServer server(m_loop);
-  m_services.nameServers = server.Address();
-  m_socket = NewSocket();
-  ASSERT_TRUE(m_socket->Connect("nowhere.test.", 80));
-  ASSERT_TRUE(Wait([&] { return !m_recorder->events.empty(); }));
-  Settle();
-  EXPECT_EQ(m_recorder->events, Events{"OnError 11001 32768"});
-  EXPECT_FALSE(m_socket->HasPendingResolve());
-}
-
-TEST_F(AsyncSocket, TwoLookupsAtOnceAndACancelledThird) {
-  NameServer server(m_loop);
-  m_services.nameServers = server.Address();
-  m_listener = Descriptor(PlainListener());
-  server.names["a.test"] = server.names["b.test"] = server.names["c.test"] = {{127, 0, 0, 1}};
-  const auto first = NewSocket();
-  const auto second = NewSocket();
-  const auto third = NewSocket();
-  for (const auto& [socket, name] : {std::pair{first, "a.test"}, {second, "b.test"}, {third, "c.test"}}) {
-    ASSERT_TRUE(socket->Connect(name, PortOf(m_listener)));
-  }
-  third->Close_();
-  ASSERT_TRUE(Wait([&] { return m_recorder->Count("OnConnect") == 2; }));
-  Settle();
-  EXPECT_EQ(m_recorder->Count("OnResolve 127.0.0.1"), 2);
-  EXPECT_EQ(third->SocketHandle(), -1);
-}
-
-TEST_F(AsyncSocket, RefusedAndReset) {
-  m_listener = Descriptor(PlainListener());
-  const int port = PortOf(m_listener);
-  m_listener.Close();
-  m_socket = NewSocket();
-  ASSERT_TRUE(m_socket->Connect("127.0.0.1", port));
-  ASSERT_TRUE(Wait([&] { return !m_recorder->events.empty(); }));
-  EXPECT_EQ(m_recorder->events, Events{"OnError 10061 16"});
-
-  m_recorder->events.clear();
+TEST_F(AsyncSocket, AResetIsToldOnceAndKept) {
   ConnectPair();
   PlainReset(m_peer);
   ASSERT_TRUE(Wait([&] { return !m_recorder->events.empty(); }));
   Settle();
   EXPECT_EQ(m_recorder->events, Events{"OnError 10054 32"});
   std::array<std::uint8_t, 8> room{};
-  EXPECT_EQ(m_socket->Receive(room), -1);
-  EXPECT_EQ(m_socket->LastError(), platform::kWsaConnectionReset);
-  EXPECT_EQ(m_socket->Send(Bytes("x")), -1);
-  EXPECT_EQ(m_socket->LastError(), platform::kWsaConnectionReset);
+  EXPECT_EQ(ErrorOf(m_socket->Receive(room) >= 0), platform::kWsaConnectionReset);
+  EXPECT_EQ(ErrorOf(m_socket->Send(Bytes("x")) >= 0), platform::kWsaConnectionReset);
 }
 
 TEST_F(AsyncSocket, RefusesWhatCannotBe) {
   m_socket = NewSocket();
-  EXPECT_FALSE(m_socket->Connect("127.0.0.1", 70'000));
-  EXPECT_EQ(m_socket->LastError(), platform::kWsaInvalid);
-  EXPECT_EQ(m_socket->Send(Bytes("x")), -1);
-  EXPECT_EQ(m_socket->LastError(), platform::kWsaNotSocket);
+  EXPECT_EQ(ErrorOf(m_socket->Connect("127.0.0.1", 70'000)), platform::kWsaInvalid);
+  EXPECT_EQ(ErrorOf(m_socket->Send(Bytes("x")) >= 0), platform::kWsaNotSocket);
   ASSERT_TRUE(m_socket->Create());
-  EXPECT_FALSE(m_socket->Create());
-  EXPECT_EQ(m_socket->LastError(), platform::kWsaAlready);
-  EXPECT_FALSE(m_socket->Attach(0));
-  EXPECT_EQ(m_socket->LastError(), platform::kWsaAlready);
-  EXPECT_FALSE(m_socket->Connect("0.0.0.0", 80));
-  EXPECT_EQ(m_socket->LastError(), platform::kWsaAddressNotAvailable);
-  EXPECT_EQ(m_socket->Send(Bytes("x")), -1);
-  EXPECT_EQ(m_socket->LastError(), platform::kWsaNotConnected + 1);  // the kernel's broken pipe
+  EXPECT_EQ(ErrorOf(m_socket->Create()), platform::kWsaAlready);
+  EXPECT_EQ(ErrorOf(m_socket->Attach(0)), platform::kWsaAlready);
+  EXPECT_EQ(ErrorOf(m_socket->Connect("0.0.0.0", 80)), platform::kWsaAddressNotAvailable);
+  EXPECT_EQ(ErrorOf(m_socket->Send(Bytes("x")) >= 0), platform::kWsaNotConnected + 1);  // the kernel's broken pipe
   EXPECT_TRUE(m_socket->Close_());
-  EXPECT_FALSE(m_socket->Attach(-1));
-  EXPECT_EQ(m_socket->LastError(), platform::kWsaNotSocket);
+  EXPECT_EQ(ErrorOf(m_socket->Attach(-1)), platform::kWsaNotSocket);
   EXPECT_EQ(m_socket->Detach(), -1);
   m_loop.DestroyWindow(m_loop.FindHiddenWindow(sockets::NotificationHelper::WindowName()));
-  EXPECT_FALSE(m_socket->Create());
-  EXPECT_EQ(m_socket->LastError(), platform::kWsaNotInitialised);
+  EXPECT_EQ(ErrorOf(m_socket->Create()), platform::kWsaNotInitialised);
 }
 
 // --- Data ------------------------------------------------------------------------------------------------------------
@@ -153,7 +100,7 @@ TEST_F(AsyncSocket, ReadComesOnceAndAgainAfterAReceiveThatLeavesData) {
   EXPECT_TRUE(m_socket->HasPendingEvent());
 }
 
-TEST_F(AsyncSocket, AnEmptyReceiveRearmsAndAStaleReadRaisesNoReceive) {
+TEST_F(AsyncSocket, AnEmptyReceiveRearmsAndAStaleOrCancelledReadRaisesNoReceive) {
   ConnectPair();
   PlainSend(m_peer, "data");
   ASSERT_TRUE(WaitFor("OnReceive"));
@@ -166,11 +113,9 @@ TEST_F(AsyncSocket, AnEmptyReceiveRearmsAndAStaleReadRaisesNoReceive) {
   m_recorder->events.clear();
   Settle();
   EXPECT_EQ(m_recorder->events, (Events{"Before 1", "After 1"}));
-}
-
-TEST_F(AsyncSocket, CancelKeepsBackTheEventAndAfterNotify) {
-  ConnectPair();
-  m_recorder->notify = m_recorder->cancelNext = true;
+  // A cancelled notification has neither an event nor an end.
+  m_recorder->events.clear();
+  m_recorder->cancelNext = true;
   PlainSend(m_peer, "x");
   ASSERT_TRUE(WaitFor("Before 1"));
   Settle();
@@ -203,8 +148,7 @@ TEST_F(AsyncSocket, OurShutDownIsNoCloseOfThePeer) {
   EXPECT_TRUE(AtEnd(m_peer));
   Settle();
   EXPECT_TRUE(m_recorder->events.empty());
-  EXPECT_EQ(m_socket->Send(Bytes("x")), -1);
-  EXPECT_EQ(m_socket->LastError(), platform::kWsaShutDown);
+  EXPECT_EQ(ErrorOf(m_socket->Send(Bytes("x")) >= 0), platform::kWsaShutDown);
 }
 
 TEST_F(AsyncSocket, BigTransfersBothWaysWithTinyBuffers) {
@@ -247,27 +191,6 @@ TEST_F(AsyncSocket, BigTransfersBothWaysWithTinyBuffers) {
   EXPECT_GT(sends, 10);
 }
 
-TEST_F(AsyncSocket, AnIndependentServerAnswersAndCloses) {
-  ChildProcess server("openssl", {"s_server", "-accept", "127.0.0.1:0", "-nocert", "-rev"});
-  int port = 0;
-  while (port == 0) {
-    const auto line = server.ReadLine();
-    ASSERT_TRUE(line) << server.ErrorText();
-    if (line->starts_with("ACCEPT ")) port = std::stoi(line->substr(line->rfind(':') + 1));
-  }
-  m_socket = NewSocket();
-  constexpr std::array<std::uint8_t, 9> kNoHello{22, 3, 1, 0, 4, 99, 0, 0, 0};  // a handshake message of no known type
-  std::vector<std::uint8_t> answer;
-  m_recorder->act = [&](cAsyncSocket& socket, const std::string& event) {
-    if (event == "OnConnect") socket.SendArray(kNoHello);
-    if (event == "OnReceive") socket.ReceiveArray(answer);
-  };
-  ASSERT_TRUE(m_socket->Connect("localhost", port));
-  ASSERT_TRUE(Wait([&] { return m_recorder->Saw("OnClose") || m_recorder->Saw("OnError 10054 32"); }));
-  ASSERT_FALSE(answer.empty());
-  EXPECT_EQ(answer[0], 21);  // a TLS alert record, RFC 8446 §5.1
-}
-
 // --- Datagrams -------------------------------------------------------------------------------------------------------
 
 TEST_F(AsyncSocket, DatagramsCarryTheirSender) {
@@ -278,8 +201,7 @@ TEST_F(AsyncSocket, DatagramsCarryTheirSender) {
   ASSERT_TRUE(WaitFor("OnConnect"));
   ASSERT_TRUE(m_socket->SendText("ask", "localhost", PortOf(m_peer)));
   EXPECT_EQ(PlainReceive(m_peer, 3), "ask");
-  EXPECT_FALSE(m_socket->SendText("ask", "no such host.", PortOf(m_peer)));
-  EXPECT_EQ(m_socket->LastError(), platform::kWsaInvalid);
+  EXPECT_EQ(ErrorOf(m_socket->SendText("ask", "no such host.", PortOf(m_peer))), platform::kWsaInvalid);
   EXPECT_FALSE(m_socket->SendText("ask"));  // it is not connected to anything
 
   sockaddr_in to{};
@@ -367,10 +289,8 @@ TEST_F(AsyncSocket, AttachAndDetach) {
 TEST_F(AsyncSocket, OptionsAndCommands) {
   ConnectPair();
   EXPECT_EQ(m_socket->SockOpt(platform::kSoType), platform::kSockStream);
-  EXPECT_EQ(m_socket->SockOpt(0x7777), 0);
-  EXPECT_EQ(m_socket->LastError(), platform::kWsaNoProtocolOption);
-  EXPECT_EQ(m_socket->BlockingMode(), -1);
-  EXPECT_EQ(m_socket->LastError(), platform::kWsaInvalid);
+  EXPECT_EQ(ErrorOf(m_socket->SockOpt(0x7777) != 0), platform::kWsaNoProtocolOption);
+  EXPECT_EQ(ErrorOf(m_socket->BlockingMode() >= 0), platform::kWsaInvalid);
   std::int32_t argument = 0;
   EXPECT_FALSE(m_socket->IOCtl(platform::kIoNonBlocking, argument));
   ASSERT_TRUE(m_socket->AsyncSelect(0));

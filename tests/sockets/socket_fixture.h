@@ -82,6 +82,8 @@ class SocketTest : public testing::Test {
   bool WaitFor(std::string_view event) {
     return Wait([&] { return m_recorder->Saw(event); });
   }
+  // Why m_socket's call did not succeed; 0: it did.
+  std::int32_t ErrorOf(bool succeeded) const { return succeeded ? 0 : m_socket->LastError(); }
   // Lets everything that is on its way arrive.
   void Settle() { m_loop.Sleep(milliseconds{10}); }
 
