@@ -2,6 +2,7 @@
 // everything after them must come out to the byte.
 #include "tests/tls/test_keys.h"
 #include "tls/engine.h"
+#include "tls/handshake.h"
 #include "tls/key_schedule.h"
 #include "tls/records.h"
 
@@ -95,6 +96,49 @@ const char* const kRetryClientFinishedRecord =
     "1703030035d74f1923c662fd34137c6f502f3dd2b93d951d1b3bc97e42afe23c31abea92fe91b474999e85e3b791ce252fe8c3e9f939a4120"
     "cb2";
 
+// ---- section 6, client authentication ----
+
+const char* const kAuthPrivate = "c040b2bb8f3addd20fd4058c547003a3c6f9c1cd915d5e535c87d8d191aaf071";
+const char* const kAuthHello =
+    "010000bc03036a472236328b83af40386d3a3e1f1ce624fa4ed89ab865a4ff0f4144ce3ae2330000061301130313020100008d0000000b"
+    "0009000006736572766572ff01000100000a00140012001d00170018001901000101010201030104003300260024001d0020089cc2671f"
+    "738d9a671e5b2e464981d05b76e361aa22aea91f1d49ca10a7a362002b0003020304000d0020001e040305030603020308040805080604"
+    "010501060102010402050206020202002d00020101001c00024001";
+const char* const kAuthServerHello =
+    "0200005603033b50fdf1c3d572e40e68953e7fff4e2758459c59afa0582c0ea032874255fe6e00130100002e00330024001d00206c2e50"
+    "e865919a6b5a12dfaf918f92b442567b0f89bc54478c6921366658f062002b00020304";
+const char* const kAuthExtensions = "080000240022000a00140012001d00170018001901000101010201030104001c0002400100000000";
+const char* const kAuthRequest =
+    "0d000027000024000d0020001e040305030603020308040805080604010501060102010402050206020202";
+const char* const kAuthServerCertificate =
+    "0b00013b000001370001323082012e3081d5a003020102020107300a06082a8648ce3d04030230133111300f0603550403130865636473"
+    "61323536301e170d3136303733303031323430305a170d3236303733303031323430305a30133111300f06035504031308656364736132"
+    "35363059301306072a8648ce3d020106082a8648ce3d0301070342000408d530161575f4cfe7f154ee3448180086001e88431a79ee62ee"
+    "6e2f83ef38ba61e9fb37f34e007a7df4d2f5b56d1f04ece45d621f468406f5c3a15158948dd0a31a301830090603551d1304023000300b"
+    "0603551d0f040403020780300a06082a8648ce3d0403020348003045022100df30fd4507f5edd22c1a6ff86db479ca693feeca3b71b3f9"
+    "ef556b2937c0594d022062e2a47250d320fea83c7e2dcb5b76a50e0200c09adbd13fee946e513e011d110000";
+const char* const kAuthServerVerify =
+    "0f00004b040300473045022100d7a4d34bd54f55fee1a89625678c3dd5e5f60dac73ec940c5c7b9304a02084a90220289f595ed488b9ac"
+    "689a3d192b1a8bb38f34af7874c059c9806a1f38269353e8";
+const char* const kAuthServerFinished = "1400002093b70cdf4781985b96345caac701b4e750d3042df1a689d8faca812251113c11";
+const char* const kAuthCertificate =
+    "0b0001bf000001bb0001b6308201b23082011ba003020102020101300d06092a864886f70d01010b05003011310f300d06035504031306"
+    "636c69656e74301e170d3136303733303031323335395a170d3236303733303031323335395a3011310f300d06035504031306636c6965"
+    "6e7430819f300d06092a864886f70d010101050003818d0030818902818100c38175e004a68d093f823b9c379d201fbc0bb7a1c791905e"
+    "3fbf76847e44e751ebbcd360bd945c81e5222bcc8846d3a8a0f93e9bf5bebabd92edf1de1ff19021703e7ab6c0901513f97e39b111f09c"
+    "9348971c7b211984a754cd45fe095af0ea4236829bccf7a7fe9b2888e78ab477690a5b9e1ccbe91c6a4a0f97a7e02842010203010001a3"
+    "1a301830090603551d1304023000300b0603551d0f040403020780300d06092a864886f70d01010b0500038181001a7a5a018532b022af"
+    "0767d486160cff2d167a1915d23835b54594916dc680be5d2e626076c5d52722ebcc775d7d99f980be2fc94d34acf6cc00ba90cbcfb060"
+    "8aa1e7e3971ef0c07a41d47ad8345d1f81fe418a1cf41054429fd217bd777dc1cf08f05df90799c659361e0f1a8ee4ac0f7897420bdbc8"
+    "23da80a2f2ba23081c0000";
+const char* const kAuthVerify =
+    "0f00008408040080186b2223b503a759c35dba0e9721b4b579138d5f0f5e6ec7feaaf27f3ad7f386c2c7bd7cb2be52fbf5ed8393f406ee"
+    "79369692ec7ac695651d858219e672a8eb7b2a677b640b46ab630edc5f3f2f8272b9c0d906f81f84ddc5b8c7bcf955c78a3cf99e5016f7"
+    "3e04eb7dfcb28833f13e8f75ec2ff3581e2f098ad4157fd6d6ad";
+const char* const kAuthFinished = "140000209afe2ba2f63a09d229d8a429e5b37ffd9fcc73bdb5911b82425972aa2892440f";
+const char* const kAuthClientAlert = "1703030013e4ad7d44c29245339d355962c779b89ef44c58";
+const char* const kAuthServerAlert = "17030300131decc5d6e64bba8a6f21b4fd077497da2a90cb";
+
 Bytes Join(std::initializer_list<const char*> parts) {
   std::string text;
   for (const char* part : parts) text += part;
@@ -121,17 +165,25 @@ void PutClientHello(Context& context, const char* hello, const char* privateKey)
   handshake.offeredExtensions = kOfferedExtensions;
 }
 
-// The messages as the server's one protected record.
-Bytes ServerFlight(const Context& context, const Bytes& messages) {
-  const TrafficKeys keys = DeriveTrafficKeys(*context.cipherSuite, context.remote.trafficSecret.View());
-  Protection server;
-  server.suite = context.cipherSuite;
-  server.version = kVersionTls13;
-  std::copy(keys.iv.View().begin(), keys.iv.View().end(), server.iv.begin());
-  server.cipher = MakeBulkCipher(server.suite->bulk, keys.key.View(), CipherUse::kEncrypt);
+Protection ProtectionOf(const Context& context, BytesView trafficSecret, CipherUse use) {
+  const TrafficKeys keys = DeriveTrafficKeys(*context.cipherSuite, trafficSecret);
+  Protection protection;
+  protection.suite = context.cipherSuite;
+  protection.version = kVersionTls13;
+  std::copy(keys.iv.View().begin(), keys.iv.View().end(), protection.iv.begin());
+  protection.cipher = MakeBulkCipher(protection.suite->bulk, keys.key.View(), use);
+  return protection;
+}
+
+// The messages as one protected record.
+Bytes Flight(const Context& context, BytesView trafficSecret, const Bytes& messages) {
+  Protection protection = ProtectionOf(context, trafficSecret, CipherUse::kEncrypt);
   Bytes flight;
-  Seal(server, content_type::kHandshake, messages, flight);
+  Seal(protection, content_type::kHandshake, messages, flight);
   return flight;
+}
+Bytes ServerFlight(const Context& context, const Bytes& messages) {
+  return Flight(context, context.remote.trafficSecret.View(), messages);
 }
 
 TEST(Rfc8448, SimpleHandshake) {
@@ -219,6 +271,67 @@ TEST(Rfc8448, HelloRetryRequest) {
   out.clear();
   ASSERT_TRUE(TlsHandshake(context, flight, out)) << context.lastError.description;
   EXPECT_EQ(ToHex(out), std::string("140303000101") + kRetryClientFinishedRecord);
+}
+
+// The trace's client key is not published and its signature is salted: a signature of another key stands in the
+// engine's flight, the trace's own is verified, and everything around it must be the trace's.
+TEST(Rfc8448, ClientAuthentication) {
+  Context context;
+  PutClientHello(context, kAuthHello, kAuthPrivate);
+  ASSERT_FALSE(HasFatalFailure());
+  const Bytes certificate = FromHex(kAuthCertificate);
+  context.localCertificates = {{certificate.begin() + 11, certificate.end() - 2}};
+  const Bytes& key = test::IdentityOf(test::KeyKind::kRsa2048).privateKey;
+  context.localPrivateKey.assign(key.begin(), key.end());
+  Bytes out;
+  ASSERT_TRUE(TlsHandshake(context, PlainRecord(FromHex(kAuthServerHello)), out)) << context.lastError.description;
+  const Bytes clientSecret(context.local.trafficSecret.View().begin(), context.local.trafficSecret.View().end());
+  EXPECT_EQ(ToHex(clientSecret), "cec7a30c6872070f22a7eeb065768db67c45e29533db879908ce6dc66f5911de");
+  EXPECT_EQ(ToHex(context.remote.trafficSecret.View()),
+            "8b02d3c00442a2722c4098ebe8675b23e801510f0d7ed778d8eb0b8f42a19a5e");
+  const Bytes messages =
+      Join({kAuthExtensions, kAuthRequest, kAuthServerCertificate, kAuthServerVerify, kAuthServerFinished});
+  const Bytes flight = ServerFlight(context, messages);
+  EXPECT_EQ(ToHex(BytesView(flight).first(21)), "17030302166d0a7ac079b32a94aa68c4e2893e8bd0");
+  EXPECT_EQ(ToHex(BytesView(flight).last(16)), "49713a7bb135fdda6661a05a93f8c16f");
+  ASSERT_TRUE(TlsHandshake(context, flight, out)) << context.lastError.description;
+  EXPECT_EQ(ToHex(context.local.trafficSecret.View()),
+            "73c2e890fa8d067258d6d50fa92fe456b098cf00d9727eed91e8892ef4e6f860");
+  EXPECT_EQ(ToHex(context.remote.trafficSecret.View()),
+            "c49a91faf57f8c545d5048a015bf849ff63942e4a7edcd319f8b438a97c52e21");
+
+  // What the engine sent: the trace's Certificate, then a signature by the trace's scheme; Finished in a further
+  // record.
+  Protection opening = ProtectionOf(context, clientSecret, CipherUse::kDecrypt);
+  Bytes sent;
+  Open(opening, *context.services, BytesView(out).first(5u + (out[3] << 8 | out[4])), sent);
+  ASSERT_GT(sent.size(), certificate.size() + 6);
+  EXPECT_EQ(ToHex(BytesView(sent).first(certificate.size())), kAuthCertificate);
+  EXPECT_EQ(ToHex(BytesView(sent).subspan(certificate.size() + 4, 2)), "0804");
+
+  // The trace's own flight.
+  Hash transcript(Digest::kSha256);
+  for (const Bytes& part : {FromHex(kAuthHello), FromHex(kAuthServerHello), messages, certificate}) {
+    transcript.Update(part);
+  }
+  const Bytes verify = FromHex(kAuthVerify);
+  const auto clientKey = PublicKey::FromCertificate(context.localCertificates.front());
+  ASSERT_TRUE(clientKey);
+  EXPECT_TRUE(clientKey->Verify(Padding::kPss, Digest::kSha256, SignedContent13(false, transcript.Current().View()),
+                                BytesView(verify).subspan(8)));
+  transcript.Update(verify);
+  EXPECT_EQ(ToHex(FinishedVerifyData(Digest::kSha256, clientSecret, transcript.Current().View()).View()),
+            std::string(kAuthFinished).substr(8));
+  const Bytes whole = Flight(context, clientSecret, Join({kAuthCertificate, kAuthVerify, kAuthFinished}));
+  EXPECT_EQ(ToHex(BytesView(whole).first(21)), "1703030280b46a63934e673841abaf267403bc677f");
+  EXPECT_EQ(ToHex(BytesView(whole).last(16)), "7ab64313c15cf3fe03c4f33842564976");
+
+  out.clear();
+  Bytes plaintext;
+  ASSERT_TRUE(TlsShutdown(context, out));
+  EXPECT_EQ(ToHex(out), kAuthClientAlert);
+  ASSERT_TRUE(TlsReceive(context, FromHex(kAuthServerAlert), plaintext, out));
+  EXPECT_EQ(context.state, State::kClosed);
 }
 
 }  // namespace
