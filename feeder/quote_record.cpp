@@ -4,17 +4,41 @@
 #include "providers/numbers.h"
 
 #include <algorithm>
+#include <bit>
+#include <cstdint>
+#include <cstring>
 
 namespace quenmark::feeder {
+namespace {
+
+static_assert(std::endian::native == std::endian::little);
+
+// Of the first eight characters: the highest bit of each byte whose character is "-".
+std::uint64_t DashBits(std::string_view text) {
+  constexpr std::uint64_t kLowBits = 0x7F7F7F7F7F7F7F7F;
+  std::uint64_t word = 0;
+  std::memcpy(&word, text.data(), std::min(text.size(), sizeof word));
+  const std::uint64_t other = word ^ 0x2D2D2D2D2D2D2D2D;  // a dash becomes 0
+  return ~(((other & kLowBits) + kLowBits) | other | kLowBits);
+}
+
+}  // namespace
 
 std::array<std::string_view, kQuoteFields> SplitQuoteRecord(std::string_view record) {
   std::array<std::string_view, kQuoteFields> fields;
-  for (std::string_view& field : fields) {
-    const std::size_t end = record.find('-');
-    field = record.substr(0, end);
-    if (end == std::string_view::npos) break;
-    record.remove_prefix(end + 1);
+  std::size_t begin = 0;
+  std::size_t field = 0;
+  const auto endAt = [&](std::size_t end) {
+    fields[field++] = record.substr(begin, end - begin);
+    begin = end + 1;
+    return field == kQuoteFields;
+  };
+  for (std::size_t at = 0; at < record.size(); at += sizeof(std::uint64_t)) {
+    for (std::uint64_t dashes = DashBits(record.substr(at)); dashes != 0; dashes &= dashes - 1) {
+      if (endAt(at + static_cast<std::size_t>(std::countr_zero(dashes)) / 8)) return fields;
+    }
   }
+  endAt(record.size());
   return fields;
 }
 

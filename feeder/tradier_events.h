@@ -23,6 +23,7 @@ class TradierEvents {
   void ApplyTimesale(std::string_view last, std::string_view epochTime, std::string_view symbol, std::string_view size);
 
  private:
+  bool ReadStamp(std::string_view epochTime);
   void ReadRecord(std::string_view symbol);
   void Write(std::string_view last, std::string_view symbol, std::string_view size);
   void AppendChange(std::optional<double> price, std::string_view symbol, std::string_view stored);
@@ -30,6 +31,8 @@ class TradierEvents {
   providers::Context& m_context;
   std::string m_symbol;
   std::string m_stamp;   // of the trade at hand
+  std::string m_second;  // Unix time in seconds that m_stamp stands for, "" when it was not in milliseconds
+  double m_secondOffset = 0;
   std::string m_stored;  // the quote record of the symbol at hand
   std::string m_last;
   std::string m_key;

@@ -21,6 +21,17 @@ constexpr double kChunkSize = 4096;
 constexpr std::int32_t kTextMessage = 1;
 constexpr std::int32_t kTextOpcode = 1;
 
+// Whether the text contains the part, looked for by the letter of it, at `rare`, that events have fewest of.
+bool ContainsByLetter(std::string_view text, std::string_view part, std::size_t rare) {
+  std::size_t at = text.find(part[rare], rare);
+  for (; at != std::string_view::npos; at = text.find(part[rare], at + 1)) {
+    if (text.substr(at - rare, part.size()) == part) return true;
+  }
+  return false;
+}
+constexpr std::string_view kNoSession = "session not found";
+constexpr std::string_view kError = R"("error")";
+
 }  // namespace
 
 TradierStream::TradierStream(providers::Context& context, const providers::OpenSymbols& open, std::string& subscribed,
@@ -97,13 +108,13 @@ void TradierStream::CreateSession() {
 }
 
 void TradierStream::OnMessage(std::string_view text) {
-  if (providers::Contains(text, "session not found")) {
+  if (ContainsByLetter(text, kNoSession, kNoSession.find(' '))) {
     IgnoreErrors([&] {
       m_context.store.SaveSetting(providers::kConfigurationApp, providers::kApiSection, "SID",
                                   providers::kAskNewSession);
     });
     CreateSession();
-  } else if (providers::Contains(text, R"("error")")) {
+  } else if (ContainsByLetter(text, kError, kError.find('r'))) {
     const std::string_view symbol = GetBetween(text, R"("error":")", " ");
     if (!platform::EqualsIgnoreAsciiCase(symbol, "sessionid")) providers::RemoveOpenChart(m_context, symbol);
   } else {

@@ -50,22 +50,93 @@ bool IsPlainNumber(std::string_view text) {
   return at == text.size();
 }
 
+// Powers of ten that a double holds exactly, as many as are needed here.
+constexpr std::array<double, 16> kTens = {1e0, 1e1, 1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
+                                          1e8, 1e9, 1e10, 1e11, 1e12, 1e13, 1e14, 1e15};
+
+// Up to 15 digits with at most one dot, as prices are: the digits as a whole number and the power of ten are exact, so
+// their quotient is rounded once, like the number itself. Nothing for any other text.
+std::optional<double> ReadShortNumber(std::string_view text) {
+  constexpr std::size_t kMostDigits = 15;
+  if (text.empty() || text.size() > kMostDigits + 1) return std::nullopt;
+  std::int64_t whole = 0;
+  std::size_t dot = text.size();
+  for (std::size_t at = 0; at < text.size(); ++at) {
+    if (IsDigit(text[at])) {
+      whole = whole * 10 + (text[at] - '0');
+    } else if (text[at] == '.' && dot == text.size()) {
+      dot = at;
+    } else {
+      return std::nullopt;
+    }
+  }
+  const bool hasDot = dot < text.size();
+  const std::size_t digits = text.size() - (hasDot ? 1 : 0);
+  if (digits == 0 || digits > kMostDigits) return std::nullopt;
+  return static_cast<double>(whole) / kTens[hasDot ? digits - dot : 0];
+}
+
 // The digits of a value, sign aside, as text with "." as mark.
 class DigitText {
  public:
   explicit DigitText(double value) {
     if (!std::isfinite(value)) throw RunTimeError(kErrorOverflow, "Overflow");
-    m_size = static_cast<std::size_t>(
-        std::to_chars(m_buffer.data(), m_buffer.data() + m_buffer.size(), std::abs(value), std::chars_format::fixed)
-            .ptr -
-        m_buffer.data());
+    value = std::abs(value);
+    if (!WriteShort(value)) End(std::to_chars(Begin(), Limit(), value, std::chars_format::fixed).ptr);
   }
   std::string_view View() const { return {m_buffer.data(), m_size}; }
 
  private:
+  // A value with at most four decimals, as prices are. Two texts of up to 15 digits never mean the same double, so the
+  // one found, without zeros at its end, is the shortest.
+  bool WriteShort(double value) {
+    constexpr std::int64_t kScale = 10'000;
+    constexpr double kLargest = 1e10;
+    if (value > kLargest) return false;
+    const auto scaled = static_cast<std::int64_t>(value * kScale + 0.5);
+    if (static_cast<double>(scaled) / kScale != value) return false;
+    char* end = std::to_chars(Begin(), Limit(), scaled / kScale).ptr;
+    std::int64_t fraction = scaled % kScale;
+    if (fraction != 0) *end++ = '.';
+    for (std::int64_t unit = kScale / 10; fraction != 0; unit /= 10) {
+      *end++ = static_cast<char>('0' + fraction / unit);
+      fraction %= unit;
+    }
+    End(end);
+    return true;
+  }
+  char* Begin() { return m_buffer.data(); }
+  char* Limit() { return m_buffer.data() + m_buffer.size(); }
+  void End(const char* end) { m_size = static_cast<std::size_t>(end - m_buffer.data()); }
+
   std::array<char, kLongestNumberText> m_buffer;
   std::size_t m_size = 0;
 };
+
+// A number of moderate size without grouping, when its rounding is beyond doubt: the digits that decide it differ from
+// the value by far less than the distance from a half that is asked for. False otherwise.
+bool FormatShort(double value, int decimals, char decimalMark, std::string& text) {
+  constexpr double kLargest = 1e9;
+  constexpr double kDoubt = 1e-3;
+  if (decimals < 0 || decimals > 4) return false;
+  const double scaled = std::abs(value) * kTens[static_cast<std::size_t>(decimals)];
+  if (!(scaled < kLargest)) return false;
+  auto units = static_cast<std::int64_t>(scaled);
+  const double rest = scaled - static_cast<double>(units);
+  if (std::abs(rest - 0.5) < kDoubt) return false;
+  if (rest > 0.5) ++units;
+  std::array<char, 16> digits;
+  char* const limit = digits.data() + digits.size();
+  char* begin = limit;
+  const bool isNegative = value < 0 && units != 0;
+  for (int place = 0; place <= decimals || units != 0; ++place, units /= 10) {
+    if (place == decimals && place > 0) *--begin = decimalMark;
+    *--begin = static_cast<char>('0' + units % 10);
+  }
+  if (isNegative) *--begin = '-';
+  text.assign(begin, limit);
+  return true;
+}
 
 // Adds one unit at the last digit of a text of digits with at most one dot.
 void Increment(std::string& digits) {
@@ -110,6 +181,7 @@ std::string WithDotMark(std::string_view text) {
 }
 
 std::optional<double> ParseNumber(std::string_view text) {
+  if (const std::optional<double> value = ReadShortNumber(text)) return value;
   text = TrimBlanks(text);
   std::string withDot;
   if (text.find(',') != std::string_view::npos) {
@@ -133,13 +205,15 @@ bool IsNumeric(std::string_view text) {
 }
 
 std::string FormatDecimal(double value, int decimals, bool grouping, char decimalMark) {
+  std::string rounded;
+  if (!grouping && FormatShort(value, decimals, decimalMark, rounded)) return rounded;
   const DigitText exact(value);
   const std::string_view digits = exact.View();
   const std::size_t places = static_cast<std::size_t>(std::max(decimals, 0));
   const std::size_t dot = std::min(digits.find('.'), digits.size());
   const std::string_view fraction = digits.substr(std::min(dot + 1, digits.size()));
 
-  std::string rounded(digits.substr(0, dot));
+  rounded = digits.substr(0, dot);
   if (places > 0) {
     rounded += '.';
     rounded += fraction.substr(0, places);

@@ -123,7 +123,7 @@ class Feeder(Client):
 
     def __init__(self, folder, bin_folder, simulator, symbols):
         super().__init__(folder)
-        self.host = subprocess.Popen(["klv.exe", "1000000"], executable=shutil.which("sleep"))
+        self.host = subprocess.Popen(["klv.exe", "3600"], executable=shutil.which("sleep"))
         environment = dict(os.environ, FEEDER_STORE=self.database, FEEDER_HOME=folder, SSL_CERT_FILE=simulator.ca)
         base = f"https://localhost:{simulator.https}"
         settings = {("Quenmark", "API"): {"name": "Tradier", "#": "1", "EP": base + "/v1/",

@@ -4,7 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <charconv>
 #include <cmath>
+#include <cstdio>
+#include <cstdlib>
 #include <limits>
 #include <random>
 
@@ -39,6 +42,27 @@ TEST(NumberText, ReadsBackToTheSameNumber) {
     const double value = std::ldexp(static_cast<double>(random()), static_cast<int>(random() % 2100) - 1100);
     if (!std::isfinite(value) || value < std::numeric_limits<double>::min()) continue;
     ASSERT_EQ(ReadNumber(NumberText(value)), value);
+  }
+}
+
+// Numbers as prices, volumes and percentages are, beside the C++ library's conversions.
+TEST(NumberText, OfFewDigitsIsAsExactAsAny) {
+  std::mt19937_64 random(2);
+  for (int round = 0; round < 50'000; ++round) {
+    const double ten = std::pow(10, static_cast<double>(random() % 7));
+    const double value = static_cast<double>(random() >> (random() % 64)) / ten;
+    char digits[400];
+    const std::string text(digits, std::to_chars(digits, digits + 400, value, std::chars_format::fixed).ptr);
+    ASSERT_EQ(NumberText(value), text);
+    ASSERT_EQ(ReadNumber(text), value) << text;
+    const std::string cut = text.substr(0, 1 + random() % 16);
+    ASSERT_EQ(ReadNumber(cut), std::strtod(cut.c_str(), nullptr)) << cut;
+    // Halves are decided by the shortest text, which is not the library's way.
+    const auto places = static_cast<int>(random() % 5);
+    const double scaled = value * std::pow(10, places);
+    if (scaled > 1e12 || std::abs(scaled - std::floor(scaled) - 0.5) < 0.01) continue;
+    std::snprintf(digits, sizeof digits, "%.*f", places, value);
+    ASSERT_EQ(FormatDecimal(value, places, false, '.'), digits) << text;
   }
 }
 

@@ -1,0 +1,37 @@
+// The fields of a stream event, found in its text without building anything from it.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <string_view>
+
+namespace quenmark::feeder {
+
+enum EventField : std::size_t { kType, kName, kBid, kBidSize, kAsk, kAskSize, kLastPrice, kSize, kDate, kEventFields };
+
+// Each field from its first occurrence in the message to the next double quote or, for numbers, the next comma, without
+// blanks around it; "" where one is missing. Views into the message. Of a message that is neither a quote nor a
+// timesale only type and, as it happens, others are found.
+class EventFields {
+ public:
+  // An event in the provider's layout is read along it, any other in one pass over its colons.
+  explicit EventFields(std::string_view event);
+
+  std::string_view operator[](EventField field) const { return m_values[field]; }
+
+ private:
+  bool FollowQuote();
+  bool FollowTimesale();
+  template <const auto& kLayout, std::size_t kPiece>
+  bool FollowPiece(std::size_t& at);
+  void Search();
+  void Note(std::size_t colon);
+  void Take(EventField field, std::size_t start);
+
+  std::string_view m_event;
+  std::array<std::string_view, kEventFields> m_values{};
+  unsigned m_found = 0;
+  unsigned m_wanted = (1u << kEventFields) - 1;
+};
+
+}  // namespace quenmark::feeder
