@@ -1,7 +1,6 @@
 #include "feeder/start_up.h"
 
 #include "tests/support/feeder_fixture.h"
-#include "tests/support/http_server.h"
 
 namespace quenmark::test {
 namespace {
@@ -10,17 +9,8 @@ class StartUp : public FeederFixture {};
 
 TEST_F(StartUp, TimeZoneAnswerReplacesTheOffsetOnlyWhenItIsANumber) {
   HttpServer vendor(HttpServer::Security::kTls);
-  setenv("SSL_CERT_FILE", vendor.CertificateFile().c_str(), 1);
-  const auto trusting = platform::MakeHttpClient(loop, "test");
-  unsetenv("SSL_CERT_FILE");
-  providers::Context own{.store = *store,
-                         .loop = loop,
-                         .clock = clock,
-                         .http = *trusting,
-                         .processes = processes,
-                         .log = log,
-                         .programFolder = folder.Path(),
-                         .endProcess = [] { throw ProgramEnded{}; }};
+  const auto trusting = TrustingClient(vendor);
+  providers::Context own = ContextOf(*trusting);
   own.hosts.timeZone = "https://localhost:" + std::to_string(vendor.Port());
   constexpr double kMachine = 240;
   constexpr std::pair<const char*, double> kAnswers[] = {

@@ -17,24 +17,12 @@ TEST(CodePage, MapsWindows1252) {
 
 TEST(CodePage, ReplacesMalformedUtf8) {
   const std::string bad = kBad;
-  const std::vector<std::pair<std::string, std::string>> cases = {
-      {"plain ascii text", "plain ascii text"},
-      {"é€😀", "é€😀"},
-      {"\x80", bad},
-      {"\xC0\xAF", bad + bad},
-      {"\xE0\x80\x80", bad + bad + bad},
-      {"\xED\xA0\x80", bad + bad + bad},
-      {"\xF4\x90\x80\x80", bad + bad + bad + bad},
-      {"\xF5", bad},
-      {"a\xE2\x82", "a" + bad},
-      {"\xE2\x82z", bad + "z"},
-      {"\xF0\x9F\x98\xC3\xA9", bad + "é"},
-      {"\xC3", bad},
-      {"12345678\xFF"
-       "2345678",
-       "12345678" + bad + "2345678"},
-  };
-  for (const auto& [text, expected] : cases) {
+  using Row = std::pair<std::string, std::string>;
+  for (const auto& [text, expected] :
+       {Row{"plain ascii text", "plain ascii text"}, Row{"é€😀", "é€😀"}, Row{"\x80", bad}, Row{"\xC0\xAF", bad + bad},
+        Row{"\xE0\x80\x80", bad + bad + bad}, Row{"\xED\xA0\x80", bad + bad + bad}, Row{"\xF5", bad}, Row{"\xC3", bad},
+        Row{"\xF4\x90\x80\x80", bad + bad + bad + bad}, Row{"a\xE2\x82", "a" + bad}, Row{"\xE2\x82z", bad + "z"},
+        Row{"\xF0\x9F\x98\xC3\xA9", bad + "é"}, Row{"zyxwvuts\xFFzyxwvut", "zyxwvuts" + bad + "zyxwvut"}}) {
     EXPECT_EQ(SanitizeUtf8(text), expected);
     EXPECT_EQ(FromUtf16(ToUtf16(text)), expected);
     EXPECT_EQ(Utf16Length(text), ToUtf16(text).size());

@@ -36,64 +36,50 @@ class FeederSettings : public testing::Test {
     const std::string output = child.ReadAll();
     return {child.Wait().value_or(-1), output, child.ErrorText()};
   }
+  void Check(const std::vector<std::string>& arguments, const std::string& input = "", const std::string& output = "") {
+    const Outcome outcome = Run(arguments, input);
+    EXPECT_EQ(outcome.status, 0) << testing::PrintToString(arguments) << outcome.error;
+    EXPECT_EQ(outcome.output, output) << testing::PrintToString(arguments);
+  }
 
   test::TemporaryFolder m_folder;
   std::string m_path = m_folder.File("missing/folders/settings.db");
 };
 
 TEST_F(FeederSettings, CommandsInTheirOrder) {
-  const struct {
-    std::vector<std::string> arguments;
-    std::string input;
-    int status;
-    std::string output;
-  } steps[] = {
-      {{"get", "Quenmark", "API", "t"}, "", 0, "\n"},
-      {{"list"}, "", 0, ""},
-      {{"list", "none", "none"}, "", 0, ""},
-      {{"delete", "none", "none", "none"}, "", 0, ""},
-      {{"set", "Quenmark", "API", "name", "Tradier"}, "", 0, ""},
-      {{"set", "quenmark", "api", "t", "-", "--base64"}, "secret\0\n"s, 0, ""},
-      {{"set", "Quenmark", "Raw", "k", "-"}, "a\tb\\\r\n\0\xFF"s, 0, ""},
-      {{"set", "--base64", "Quenmark", "Raw", "b", "fo"}, "", 0, ""},
-      {{"set", "Quenmark", "Raw", "list", "get"}, "", 0, ""},
-      {{"set", "--", "Quenmark", "Raw", "-n", "--base64"}, "", 0, ""},
-      {{"set", "Quenmark", "Raw", "empty", ""}, "", 0, ""},
-      {{"set", "Other\n", "", "k", "v"}, "", 0, ""},
-      {{"get", "QUENMARK", "RAW", "K"}, "", 0, "a\tb\\\r\n\0\xFF\n"s},
-      {{"get", "--", "Quenmark", "Raw", "-n"}, "", 0, "--base64\n"},
-      {{"list"}, "", 0, "Quenmark\nOther\\n\n"},
-      {{"list", "quenmark"}, "", 0, "API\nRaw\n"},
-      {{"list", "Quenmark", "API"}, "", 0, "name\tTradier\nt\tc2VjcmV0AAo=\n"},
-      {{"list", "Quenmark", "Raw"}, "", 0, "k\ta\\tb\\\\\\r\\n\0\xFF\nb\tZm8=\nlist\tget\n-n\t--base64\nempty\t\n"s},
-      {{"list", "Other\n", ""}, "", 0, "k\tv\n"},
-      {{"delete", "Quenmark", "Raw", "B"}, "", 0, ""},
-      {{"delete", "Quenmark", "API"}, "", 0, ""},
-      {{"list", "Quenmark"}, "", 0, "Raw\n"},
-      {{"delete", "QUENMARK"}, "", 0, ""},
-      {{"list"}, "", 0, "Other\\n\n"},
-  };
-  for (const auto& step : steps) {
-    const Outcome outcome = Run(step.arguments, step.input);
-    EXPECT_EQ(outcome.status, step.status) << testing::PrintToString(step.arguments) << outcome.error;
-    EXPECT_EQ(outcome.output, step.output) << testing::PrintToString(step.arguments);
-  }
+  Check({"get", "Quenmark", "API", "t"}, "", "\n");
+  Check({"list"});
+  Check({"list", "none", "none"});
+  Check({"delete", "none", "none", "none"});
+  Check({"set", "Quenmark", "API", "name", "Tradier"});
+  Check({"set", "quenmark", "api", "t", "-", "--base64"}, "secret\0\n"s);
+  Check({"set", "Quenmark", "Raw", "k", "-"}, "a\tb\\\r\n\0\xFF"s);
+  Check({"set", "--base64", "Quenmark", "Raw", "b", "fo"});
+  Check({"set", "Quenmark", "Raw", "list", "get"});
+  Check({"set", "--", "Quenmark", "Raw", "-n", "--base64"});
+  Check({"set", "Quenmark", "Raw", "empty", ""});
+  Check({"set", "Other\n", "", "k", "v"});
+  Check({"get", "QUENMARK", "RAW", "K"}, "", "a\tb\\\r\n\0\xFF\n"s);
+  Check({"get", "--", "Quenmark", "Raw", "-n"}, "", "--base64\n");
+  Check({"list"}, "", "Quenmark\nOther\\n\n");
+  Check({"list", "quenmark"}, "", "API\nRaw\n");
+  Check({"list", "Quenmark", "API"}, "", "name\tTradier\nt\tc2VjcmV0AAo=\n");
+  Check({"list", "Quenmark", "Raw"}, "", "k\ta\\tb\\\\\\r\\n\0\xFF\nb\tZm8=\nlist\tget\n-n\t--base64\nempty\t\n"s);
+  Check({"list", "Other\n", ""}, "", "k\tv\n");
+  Check({"delete", "Quenmark", "Raw", "B"});
+  Check({"delete", "Quenmark", "API"});
+  Check({"list", "Quenmark"}, "", "Raw\n");
+  Check({"delete", "QUENMARK"});
+  Check({"list"}, "", "Other\\n\n");
 }
 
 TEST_F(FeederSettings, WrongUseIsStatusTwoAndTouchesNoStore) {
-  const std::vector<std::string> wrong[] = {{},
-                                            {"frob"},
-                                            {"get", "a", "b"},
-                                            {"get", "a", "b", "c", "d"},
-                                            {"set", "a", "b", "c"},
-                                            {"set", "a", "b", "c", "d", "e"},
-                                            {"set", "a", "b", "c", "-x"},
-                                            {"get", "--base64", "a", "b", "c"},
-                                            {"list", "a", "b", "c"},
-                                            {"delete"},
-                                            {"delete", "a", "b", "c", "d"},
-                                            {"watch", "a"}};
-  for (const auto& arguments : wrong) {
+  using Words = std::vector<std::string>;
+  for (const Words& arguments :
+       {Words{}, Words{"frob"}, Words{"get", "a", "b"}, Words{"get", "a", "b", "c", "d"}, Words{"set", "a", "b", "c"},
+        Words{"set", "a", "b", "c", "d", "e"}, Words{"set", "a", "b", "c", "-x"},
+        Words{"get", "--base64", "a", "b", "c"}, Words{"list", "a", "b", "c"}, Words{"delete"},
+        Words{"delete", "a", "b", "c", "d"}, Words{"watch", "a"}}) {
     const Outcome outcome = Run(arguments);
     EXPECT_EQ(outcome.status, 2) << testing::PrintToString(arguments);
     EXPECT_EQ(outcome.output, "");
@@ -118,47 +104,41 @@ TEST_F(FeederSettings, AStoreFaultIsStatusOneAndOneLine) {
 TEST_F(FeederSettings, WatchPrintsWhatIsThereAndWhatChanges) {
   SystemClock clock;
   auto store = SqliteStore::Open(m_path, clock);
-  store->SaveSetting("App", "Sec", "b", "1");
-  store->SaveSetting("App", "Sec", "a", "2");
-  store->Flush();
-  for (const int signal : {SIGINT, SIGTERM}) {
-    store->SaveSetting("App", "Sec", "b", "1");
+  const auto save = [&](const char* section, const char* key, const char* value) {
+    store->SaveSetting("App", section, key, value);
     store->Flush();
+  };
+  for (const int signal : {SIGINT, SIGTERM}) {
+    save("Sec", "b", "1");
+    save("Sec", "a", "2");
     ChildProcess watch(BIN_DIR "/feeder-settings", {"watch", "app", "sec"}, Options());
     EXPECT_EQ(watch.ReadLine(), "b\t1");
     EXPECT_EQ(watch.ReadLine(), "a\t2");
-    store->SaveSetting("App", "Sec", "b", "line\n\ttab");
-    store->Flush();
+    save("Sec", "b", "line\n\ttab");
     EXPECT_EQ(watch.ReadLine(), "b\tline\\n\\ttab");
-    store->SaveSetting("App", "Other", "b", "unseen");
-    store->SaveSetting("App", "Sec", "new", "");
-    store->Flush();
+    save("Other", "b", "unseen");
+    save("Sec", "new", "");
     EXPECT_EQ(watch.ReadLine(), "new\t");
     store->DeleteSetting("App", "Sec", "new");
     store->Flush();
     EXPECT_EQ(watch.ReadLine(), "new\t");
-    EXPECT_EQ(Run({"set", "App", "Sec", "a", "from elsewhere"}).status, 0);
+    Check({"set", "App", "Sec", "a", "from elsewhere"});
     EXPECT_EQ(store->GetSetting("App", "Sec", "a"), "from elsewhere") << "visible when the command returns";
     EXPECT_EQ(watch.ReadLine(), "a\tfrom elsewhere");
     watch.Signal(signal);
     EXPECT_EQ(watch.Wait(), 0);
     EXPECT_EQ(watch.ReadAll(), "");
-    store->SaveSetting("App", "Sec", "a", "2");
-    store->Flush();
   }
 }
 
 TEST(StoreText, Base64) {
   // RFC 4648 §10
-  const std::pair<const char*, const char*> vectors[] = {{"", ""},
-                                                         {"f", "Zg=="},
-                                                         {"fo", "Zm8="},
-                                                         {"foo", "Zm9v"},
-                                                         {"foob", "Zm9vYg=="},
-                                                         {"fooba", "Zm9vYmE="},
-                                                         {"foobar", "Zm9vYmFy"},
-                                                         {"\xFF\xEF\xBE", "/+++"}};
-  for (const auto& [bytes, text] : vectors) EXPECT_EQ(EncodeBase64(bytes), text);
+  using Row = std::pair<const char*, const char*>;
+  for (const auto& [bytes, text] :
+       {Row{"", ""}, Row{"f", "Zg=="}, Row{"fo", "Zm8="}, Row{"foo", "Zm9v"}, Row{"foob", "Zm9vYg=="},
+        Row{"fooba", "Zm9vYmE="}, Row{"foobar", "Zm9vYmFy"}, Row{"\xFF\xEF\xBE", "/+++"}}) {
+    EXPECT_EQ(EncodeBase64(bytes), text);
+  }
 }
 
 }  // namespace

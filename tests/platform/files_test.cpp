@@ -1,25 +1,19 @@
 #include "platform/files.h"
 
 #include "platform/run_time_error.h"
+#include "tests/support/environment_variable.h"
 #include "tests/support/temporary_folder.h"
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <csignal>
 #include <filesystem>
-#include <map>
 #include <string>
 
 namespace quenmark::platform {
 namespace {
-
-unsigned ModeOf(const std::string& path) {
-  struct stat status {};
-  return stat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
-}
 
 template <typename Statement>
 int NumberOf(Statement&& statement) {
@@ -29,6 +23,10 @@ int NumberOf(Statement&& statement) {
     return error.Number();
   }
   return 0;
+}
+
+std::filesystem::perms Mode(const std::string& path) {
+  return std::filesystem::status(path).permissions();
 }
 
 std::size_t EntriesIn(const std::string& folder) {
@@ -47,7 +45,7 @@ TEST(Files, WriteReplacesReadsBackAndLeavesNothingBeside) {
   std::filesystem::permissions(path, std::filesystem::perms(0640));
   SalvarArquivo(folder.Path() + "\\a.txt", std::string("\0\xFF", 2));
   EXPECT_EQ(ReadWholeFile(folder.Path() + "\\a.txt"), std::string("\0\xFF", 2));
-  EXPECT_EQ(ModeOf(path), 0640u);
+  EXPECT_EQ(Mode(path), std::filesystem::perms(0640));
   EXPECT_EQ(EntriesIn(folder.Path()), 1u);
   EXPECT_TRUE(FileExists(folder.Path()));
 }
@@ -65,19 +63,13 @@ TEST(Files, ReadHasALimitAndTakesRegularFilesOnly) {
   EXPECT_EQ(ReadWholeFile(folder.File("pipe")), "");  // and does not wait for a writer
 }
 
-TEST(Files, AppendCreatesAndAdds) {
-  const test::TemporaryFolder folder;
-  AppendToFile(folder.File("a"), "one\r\n");
-  AppendToFile(folder.File("a"), "two");
-  EXPECT_EQ(ReadWholeFile(folder.File("a")), "one\r\ntwo");
-}
-
-TEST(Files, FailuresAreNumberedAndKeepTheOldContents) {
+TEST(Files, AppendAddsAndFailuresAreNumberedAndKeepTheOldContents) {
   const test::TemporaryFolder folder;
   EXPECT_EQ(NumberOf([&] { SalvarArquivo(folder.File("no/a"), "x"); }), 76);
   EXPECT_EQ(NumberOf([&] { AppendToFile(folder.File("no/a"), "x"); }), 76);
   EXPECT_EQ(NumberOf([&] { AppendToFile(folder.Path(), "x"); }), 75);
-  SalvarArquivo(folder.File("a"), "old");
+  AppendToFile(folder.File("a"), "o");
+  AppendToFile(folder.File("a"), "ld");
   const auto oldTreatment = signal(SIGXFSZ, SIG_IGN);
   rlimit old{};
   getrlimit(RLIMIT_FSIZE, &old);
@@ -99,8 +91,8 @@ TEST(Files, PrivateFolders) {
   const test::TemporaryFolder folder;
   CreatePrivateFolders(folder.File("a/b/"));
   CreatePrivateFolders(folder.File("a/b"));
-  EXPECT_EQ(ModeOf(folder.File("a")), 0700u);
-  EXPECT_EQ(ModeOf(folder.File("a/b")), 0700u);
+  EXPECT_EQ(Mode(folder.File("a")), std::filesystem::perms(0700));
+  EXPECT_EQ(Mode(folder.File("a/b")), std::filesystem::perms(0700));
   SalvarArquivo(folder.File("file"), "");
   EXPECT_EQ(NumberOf([&] { CreatePrivateFolders(folder.File("file")); }), 76);
   EXPECT_EQ(NumberOf([&] { CreatePrivateFolders(folder.File("file/below")); }), 76);
@@ -108,32 +100,30 @@ TEST(Files, PrivateFolders) {
 
 TEST(Files, SymbolsThatStayInTheirFolder) {
   for (const char* safe : {"AAPL", "BRK.B", "^GSPC", "a b", "."}) EXPECT_TRUE(IsSafeInFileName(safe)) << safe;
-  for (const std::string& unsafe : {std::string(), std::string("a/b"), std::string("a\\b"), std::string(".."),
-                                    std::string("a..b"), std::string("a\0b", 3)}) {
+  EXPECT_FALSE(IsSafeInFileName(std::string_view("a\0b", 3)));
+  for (const char* unsafe : {"", "a/b", "a\\b", "..", "a..b"}) {
     EXPECT_FALSE(IsSafeInFileName(unsafe)) << unsafe;
   }
 }
 
 TEST(Files, ProgramAndStorePlaces) {
   EXPECT_EQ(ExecutablePath(), std::filesystem::read_symlink("/proc/self/exe").string());
-  std::map<const char*, std::string> old;
-  for (const char* name : {"FEEDER_HOME", "FEEDER_STORE", "XDG_DATA_HOME", "HOME"}) {
-    old[name] = Environment(name);
-    unsetenv(name);
-  }
+  test::EnvironmentVariable feederHome("FEEDER_HOME");
+  test::EnvironmentVariable store("FEEDER_STORE");
+  test::EnvironmentVariable data("XDG_DATA_HOME");
+  test::EnvironmentVariable home("HOME");
   EXPECT_EQ(ProgramFolder(), std::filesystem::path(ExecutablePath()).parent_path().string());
-  setenv("FEEDER_HOME", "/opt/feeder\\bin//", 1);
+  feederHome.Set("/opt/feeder\\bin//");
   EXPECT_EQ(ProgramFolder(), "/opt/feeder/bin");
   EXPECT_EQ(StorePath(), "");
-  setenv("HOME", "/home/user", 1);
+  home.Set("/home/user");
   EXPECT_EQ(StorePath(), "/home/user/.local/share/quenmark/settings.db");
-  setenv("XDG_DATA_HOME", "relative", 1);
+  data.Set("relative");
   EXPECT_EQ(StorePath(), "/home/user/.local/share/quenmark/settings.db");
-  setenv("XDG_DATA_HOME", "/data", 1);
+  data.Set("/data");
   EXPECT_EQ(StorePath(), "/data/quenmark/settings.db");
-  setenv("FEEDER_STORE", "there.db", 1);
+  store.Set("there.db");
   EXPECT_EQ(StorePath(), "there.db");
-  for (const auto& [name, value] : old) value.empty() ? unsetenv(name) : setenv(name, value.c_str(), 1);
 }
 
 }  // namespace

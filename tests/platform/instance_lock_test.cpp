@@ -22,6 +22,11 @@ TEST(InstanceLock, OnePerExecutableAndStore) {
   const std::string store = folder.File("new/settings.db");
   std::optional<InstanceLock> lock = InstanceLock::TryAcquire("/bin/sh", store);
   ASSERT_TRUE(lock);
+  for (const auto& entry : std::filesystem::directory_iterator(folder.File("new"))) {
+    EXPECT_EQ(entry.status().permissions(), std::filesystem::perms(0600)) << entry;
+  }
+  SalvarArquivo(folder.File("file"), "");
+  EXPECT_THROW(InstanceLock::TryAcquire("/bin/sh", folder.File("file/settings.db")), RunTimeError);
   EXPECT_FALSE(InstanceLock::TryAcquire("/bin/sh", store));
   EXPECT_TRUE(InstanceLock::TryAcquire("/bin/ls", store));
   EXPECT_TRUE(InstanceLock::TryAcquire("/bin/sh", folder.File("other.db")));
@@ -35,41 +40,22 @@ TEST(InstanceLock, OnePerExecutableAndStore) {
   EXPECT_TRUE(InstanceLock::TryAcquire("/bin/sh", store));
 }
 
-TEST(InstanceLock, ItsFileIsPrivate) {
-  const test::TemporaryFolder folder;
-  const auto lock = InstanceLock::TryAcquire("/bin/sh", folder.File("settings.db"));
-  for (const auto& entry : std::filesystem::directory_iterator(folder.Path())) {
-    EXPECT_EQ(entry.status().permissions(), std::filesystem::perms(0600)) << entry;
-  }
-}
-
-TEST(InstanceLock, AProgramStartedMeanwhileDoesNotHoldIt) {
+TEST(InstanceLock, IsNotInheritedAndEndsWithItsProcess) {
   const test::TemporaryFolder folder;
   const std::string store = folder.File("settings.db");
   auto lock = InstanceLock::TryAcquire("/bin/sh", store);
-  const test::ChildProcess child("sleep", {"60"});
+  const test::ChildProcess heir("sleep", {"60"});
   lock.reset();
   EXPECT_TRUE(InstanceLock::TryAcquire("/bin/sh", store));
-}
-
-TEST(InstanceLock, ItEndsWithItsProcess) {
-  const test::TemporaryFolder folder;
-  const std::string store = folder.File("settings.db");
   const pid_t child = fork();
   if (child == 0) {
-    const auto lock = InstanceLock::TryAcquire("/bin/sh", store);
-    _exit(lock ? 0 : 1);  // as kill -9 does, without the destructor
+    const auto own = InstanceLock::TryAcquire("/bin/sh", store);
+    _exit(own ? 0 : 1);  // as kill -9 does, without the destructor
   }
   int status = 0;
   ASSERT_EQ(waitpid(child, &status, 0), child);
   EXPECT_EQ(status, 0);
   EXPECT_TRUE(InstanceLock::TryAcquire("/bin/sh", store));
-}
-
-TEST(InstanceLock, AFolderThatCannotBeIsAFault) {
-  const test::TemporaryFolder folder;
-  SalvarArquivo(folder.File("file"), "");
-  EXPECT_THROW(InstanceLock::TryAcquire("/bin/sh", folder.File("file/settings.db")), RunTimeError);
 }
 
 }  // namespace

@@ -53,27 +53,21 @@ TEST(FindProcess, ContainsWithoutRegardToCase) {
 }
 
 TEST_F(ProcessListTest, FindsAProcessByAnyOfItsNames) {
-  const struct {
-    const char* first;
-    const char* name;
-  } rows[] = {{"klv.exe", "klv.exe"}, {"C:\\x\\QX.exe", "QX.exe"}, {"/opt/a b/quenmark.exe", "quenmark.exe"}};
-  for (const auto& row : rows) {
+  for (const auto& [first, name] : {std::pair{"klv.exe", "klv.exe"}, std::pair{"C:\\x\\QX.exe", "QX.exe"},
+                                    std::pair{"/opt/a b/quenmark.exe", "quenmark.exe"}}) {
     test::ChildProcess::Options options;
-    options.argv0 = row.first;
+    options.argv0 = first;
     const test::ChildProcess child("sleep", {"60"}, options);
     // posix_spawn has returned, so the child is the program by now.
     const std::optional<ProcessEntry> entry = Entry(child.Id());
-    ASSERT_TRUE(entry) << row.first;
-    EXPECT_THAT(entry->names, Contains(row.name));
+    ASSERT_TRUE(entry) << first;
+    EXPECT_THAT(entry->names, Contains(name));
     EXPECT_THAT(entry->names, Contains("sleep"));
   }
-}
-
-TEST_F(ProcessListTest, AScriptIsFoundByItsOwnName) {
   const test::TemporaryFolder folder;
   WriteProgram(folder.File("pellbrook1.exe"), "#!/bin/sh\necho up\nkill -STOP $$\n");
   test::ChildProcess child(folder.File("pellbrook1.exe"), {});
-  ASSERT_EQ(child.ReadLine(), "up");
+  ASSERT_EQ(child.ReadLine(), "up");  // a script has its own name
   const std::optional<ProcessEntry> entry = Entry(child.Id());
   ASSERT_TRUE(entry);
   EXPECT_THAT(entry->names, Contains("pellbrook1.exe"));
@@ -90,12 +84,6 @@ TEST_F(ProcessListTest, LeavesOutItselfAndTheDeadAndIsSorted) {
             0);
 }
 
-TEST_F(ProcessListTest, EndsAWillingProcessWithoutWaitingOutTheSecond) {
-  test::ChildProcess child("sleep", {"60"});
-  EXPECT_TRUE(list.End(child.Id()));
-  EXPECT_EQ(child.Wait(), 128 + SIGTERM);
-}
-
 TEST_F(ProcessListTest, KillsAStubbornProcessWhileTheLoopGoesOn) {
   const test::TemporaryFolder folder;
   test::ChildProcess child("sh", {"-c", "trap '' TERM; echo ready; while :; do sleep 60; done"});
@@ -108,8 +96,11 @@ TEST_F(ProcessListTest, KillsAStubbornProcessWhileTheLoopGoesOn) {
   EXPECT_GE(ticks, 1);
 }
 
-TEST_F(ProcessListTest, EndRefusesWhatIsNoProcessAndItself) {
+TEST_F(ProcessListTest, EndsAWillingProcessAndRefusesWhatIsNoneAndItself) {
   for (const ProcessId process : {0, -1, getpid()}) EXPECT_FALSE(list.End(process)) << process;
+  test::ChildProcess willing("sleep", {"60"});
+  EXPECT_TRUE(list.End(willing.Id()));
+  EXPECT_EQ(willing.Wait(), 128 + SIGTERM);
   test::ChildProcess child("true", {});
   child.Wait();
   EXPECT_TRUE(list.End(child.Id()));  // gone already
@@ -155,17 +146,12 @@ TEST_F(ProcessListTest, LaunchFailuresHaveTheShellsNumbers) {
   const test::TemporaryFolder folder;
   SalvarArquivo(folder.File("plain"), "text");
   WriteProgram(folder.File("garbage"), "no program");
-  const struct {
-    std::string path;
-    int result;
-  } rows[] = {{folder.File("missing"), 2},
-              {folder.File("no/missing"), 3},
-              {folder.File("plain/below"), 3},
-              {folder.File("plain"), 5},
-              {folder.Path(), 5},
-              {folder.File("garbage"), 11},
-              {"", 2}};
-  for (const auto& row : rows) EXPECT_EQ(list.Launch(row.path), row.result) << row.path;
+  using Row = std::pair<std::string, int>;
+  for (const auto& [path, result] :
+       {Row{folder.File("missing"), 2}, Row{folder.File("no/missing"), 3}, Row{folder.File("plain/below"), 3},
+        Row{folder.File("plain"), 5}, Row{folder.Path(), 5}, Row{folder.File("garbage"), 11}, Row{"", 2}}) {
+    EXPECT_EQ(list.Launch(path), result) << path;
+  }
 }
 
 }  // namespace

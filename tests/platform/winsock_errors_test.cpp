@@ -7,19 +7,14 @@ namespace quenmark::platform {
 namespace {
 
 TEST(WinsockErrors, MapTheSystemsNumbers) {
-  const std::pair<int, std::int32_t> rows[] = {{0, 0},
-                                               {EAGAIN, kWsaWouldBlock},
-                                               {EINPROGRESS, kWsaWouldBlock},
-                                               {ECONNREFUSED, kWsaRefused},
-                                               {ECONNRESET, kWsaConnectionReset},
-                                               {EBADF, kWsaNotSocket},
-                                               {EMFILE, kWsaTooManySockets},
-                                               {ENFILE, kWsaTooManySockets},
-                                               {ETIMEDOUT, kWsaTimedOut},
-                                               {EADDRINUSE, 10048},
-                                               {EHOSTUNREACH, 10065},
-                                               {-77, kWsaSystemCallFailure}};
-  for (const auto& [system, code] : rows) EXPECT_EQ(WinsockErrorOf(system), code) << system;
+  using Row = std::pair<int, std::int32_t>;
+  for (const auto& [system, code] :
+       {Row{0, 0}, Row{EAGAIN, kWsaWouldBlock}, Row{EINPROGRESS, kWsaWouldBlock}, Row{ECONNREFUSED, kWsaRefused},
+        Row{ECONNRESET, kWsaConnectionReset}, Row{EBADF, kWsaNotSocket}, Row{EMFILE, kWsaTooManySockets},
+        Row{ENFILE, kWsaTooManySockets}, Row{ETIMEDOUT, kWsaTimedOut}, Row{EADDRINUSE, 10048}, Row{EHOSTUNREACH, 10065},
+        Row{-77, kWsaSystemCallFailure}}) {
+    EXPECT_EQ(WinsockErrorOf(system), code) << system;
+  }
 }
 
 TEST(WinsockErrors, EveryCodeThatCanBeReportedHasATextWithoutLineBreak) {
@@ -29,9 +24,6 @@ TEST(WinsockErrors, EveryCodeThatCanBeReportedHasATextWithoutLineBreak) {
     EXPECT_EQ(text.back(), '.') << number;
     EXPECT_EQ(text.find_first_of("\r\n"), std::string_view::npos) << number;
   }
-}
-
-TEST(WinsockErrors, Texts) {
   EXPECT_EQ(WinsockErrorText(10061), "No connection could be made because the target machine actively refused it.");
   EXPECT_EQ(WinsockErrorText(11001), "No such host is known.");
   EXPECT_EQ(WinsockErrorText(kTimeoutResult), "This operation returned because the timeout period expired.");

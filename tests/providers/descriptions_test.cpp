@@ -3,7 +3,6 @@
 #include "providers/station_symbols.h"
 #include "providers/web_pages.h"
 #include "tests/support/feeder_fixture.h"
-#include "tests/support/http_server.h"
 
 #include <fstream>
 
@@ -22,9 +21,6 @@ class Descriptions : public FeederFixture {
     context.hosts.barchartSuffix = " - Barchart.com";
   }
   std::string Stored(const char* symbol) { return store->GetSetting(kApp, "Descs", symbol); }
-  void Page(const std::string& title) {
-    server.Put("/quotes/ESZ4", {.body = "<html><head><title>" + title + "</title></head></html>"});
-  }
 
   HttpServer server;
 };
@@ -34,28 +30,20 @@ TEST_F(Descriptions, AreAskedOnceAndKeptWithDoubledAmpersands) {
   EXPECT_EQ(GetSymbolDescription(context, "T:NYSE", "Tradier"), "AT&&T Inc");
   EXPECT_EQ(Stored("T"), "AT&&T Inc");
   EXPECT_EQ(GetSymbolDescription(context, "T", "Tradier"), "AT&&T Inc");
+  store->SaveSetting(kApp, "Descs", "T", "AT&T");
+  EXPECT_EQ(GetSymbolDescription(context, "T", "Tradier"), "AT&&T");
   EXPECT_EQ(server.Seen().size(), 1u);
 }
 
-TEST_F(Descriptions, StoredOnesAreDoubledWhenTheyAreNot) {
-  store->SaveSetting(kApp, "Descs", "T", "AT&T");
-  EXPECT_EQ(GetSymbolDescription(context, "T", "Tradier"), "AT&&T");
-}
-
 TEST_F(Descriptions, NothingFoundIsTheSymbolAndIsAskedAgain) {
-  server.Put("/v1/markets/lookup", {.body = R"({"securities":null})"});
-  for (int i = 1; i <= 2; ++i) {
+  for (const auto& answer : {HttpAnswer{.body = R"({"securities":null})"},
+                             HttpAnswer{.status = 500, .body = R"({"description":"out of order"})"}}) {
+    server.Put("/v1/markets/lookup", answer);
     EXPECT_EQ(GetSymbolDescription(context, "ZZ", "Tradier"), "ZZ");
-    EXPECT_EQ(server.Seen().size(), static_cast<std::size_t>(i));
   }
+  EXPECT_EQ(server.Seen().size(), 2u);
   EXPECT_EQ(Stored("ZZ"), "");
   EXPECT_EQ(GetSymbolDescription(context, "ZZ", "Barchart"), "ZZ");  // not a name that has descriptions
-}
-
-TEST_F(Descriptions, TextOfAFailedRequestIsNoDescription) {
-  server.Put("/v1/markets/lookup", {.status = 500, .body = R"({"description":"out of order"})"});
-  EXPECT_EQ(GetSymbolDescription(context, "T", "Tradier"), "T");
-  EXPECT_EQ(Stored("T"), "");
 }
 
 TEST_F(Descriptions, YahooAsksASecondPlaceOnlyAfterNotFound) {
@@ -79,15 +67,16 @@ TEST_F(Descriptions, DirectoryProvidersLoadTheDirectory) {
 }
 
 TEST_F(Descriptions, BarchartNamesComeFromThePageTitle) {
-  constexpr std::pair<const char*, const char*> kTitles[] = {
-      {"ESZ4 - E-mini S&amp;P 500 Price - Barchart.com", "E-mini S&P 500"},
-      {"Advanced Search - Barchart.com", "Not Found"},
-      {"Plain title", "Plain title"},
-      {"", ""},
-  };
-  for (const auto& [title, name] : kTitles) {
-    Page(title);
+  using Row = std::pair<const char*, const char*>;
+  for (const auto& [title, name] :
+       {Row{"ESZ4 - E-mini S&amp;P 500 Price - Barchart.com", "E-mini S&P 500"}, Row{"Plain title", "Plain title"},
+        Row{"Advanced Search - Barchart.com", "Not Found"}, Row{"", ""}}) {
+    server.Put("/quotes/ESZ4", {.body = std::string("<html><head><title>") + title + "</title></head></html>"});
     EXPECT_EQ(providers::GetBarchartName(context, "esz4"), name);
+  }
+  EXPECT_EQ(providers::GetTagText("<title>a</title><title>b</title>", "title"), "a");
+  for (const char* html : {"", "<title>", "</title><title>", "<title lang=en>a</title>"}) {
+    EXPECT_EQ(providers::GetTagText(html, "title"), "") << html;
   }
 }
 
@@ -99,13 +88,6 @@ TEST_F(Descriptions, StationSymbolsAreFetchedOnce) {
   EXPECT_EQ(providers::GetStationSymbolInfo(context, "msft", "fator"), "1");
   EXPECT_EQ(context.providerName, "TradeStation");
   EXPECT_EQ(server.Seen().size(), 1u);
-}
-
-TEST(TagText, NeedsAPlainOpeningAndAClosingTagInOrder) {
-  EXPECT_EQ(providers::GetTagText("<title>a</title><title>b</title>", "title"), "a");
-  for (const char* html : {"", "<title>", "</title><title>", "<title lang=en>a</title>"}) {
-    EXPECT_EQ(providers::GetTagText(html, "title"), "") << html;
-  }
 }
 
 }  // namespace

@@ -13,32 +13,24 @@ namespace quenmark::providers {
 namespace {
 
 TEST(HtmlEntityDecode, ReplacesTheListedEntities) {
-  const std::vector<std::pair<std::string, std::string>> cases = {
-      {"", ""},
-      {"S&P 500", "S&P 500"},
-      {"S&amp;P", "S&P"},
-      {"&amp;amp;", "&"},
-      {"&amp;amp;amp;", "&amp;"},
-      {"&amp;lt;b&amp;gt;", "<b>"},
-      {"a&nbsp;b&#160;c&#32;d&#032;e", "abcde"},
-      {"&quot;&apos;&middot;&#63;&#063;&#183;", "&quot;&apos;&middot;&#63;&#063;&#183;"},
-      {"&#39;&#039;&#126;&#127;&#0039;", "''~&#127;&#0039;"},
-      {"&Agrave;&szlig;&yuml;&iexcl;&divide;&times;", "Àßÿ¡÷×"},
-      {"&#192;&#255;&#215;&#247;&#191;", "Àÿ×÷¿"},
-      {"&OElig;&euro;&trade;&#8364;&#8482;&hellip;", "Œ€™€™…"},
-      {"&AMP;&Amp;&ampx;&amp", "&AMP;&Amp;&ampx;&amp"},
-      // A replacement completes an entity further down the list, but not one further up.
-      {"&#38;#39;", "'"},
-      {"&#38;#37;", "&#37;"},
-      {"&#38;amp;", "&amp;"},
-      {"&ie&nbsp;xcl;", "¡"},
-      {"&Agr&nbsp;ave;", "&Agrave;"},
-      {"&#1&#48;0;", "d"},
-      {"&#100&#59;", "d"},
-      {"&euro&#59;", "&euro;"},
-      {"&&amp;&;;", "&&&;;"},
-  };
-  for (const auto& [text, expected] : cases) EXPECT_EQ(HtmlEntityDecode(text), expected) << text;
+  using Row = std::pair<std::string, std::string>;
+  for (const auto& [text, expected] :
+       {Row{"", ""}, Row{"S&P 500", "S&P 500"}, Row{"S&amp;P", "S&P"}, Row{"&amp;amp;", "&"},
+        Row{"&amp;amp;amp;", "&amp;"}, Row{"&amp;lt;b&amp;gt;", "<b>"}, Row{"a&nbsp;b&#160;c&#32;d&#032;e", "abcde"},
+        Row{"&quot;&apos;&middot;&#63;&#063;&#183;", "&quot;&apos;&middot;&#63;&#063;&#183;"},
+        Row{"&#39;&#039;&#126;&#127;&#0039;", "''~&#127;&#0039;"},
+        Row{"&Agrave;&szlig;&yuml;&iexcl;&divide;&times;", "Àßÿ¡÷×"}, Row{"&#192;&#255;&#215;&#247;&#191;", "Àÿ×÷¿"},
+        Row{"&OElig;&euro;&trade;&#8364;&#8482;&hellip;", "Œ€™€™…"},
+        Row{"&AMP;&Amp;&ampx;&amp", "&AMP;&Amp;&ampx;&amp"}}) {
+    EXPECT_EQ(HtmlEntityDecode(text), expected) << text;
+  }
+  // A replacement completes an entity further down the list, but not one further up.
+  for (const auto& [text, expected] :
+       {Row{"&#38;#39;", "'"}, Row{"&#38;#37;", "&#37;"}, Row{"&#38;amp;", "&amp;"}, Row{"&ie&nbsp;xcl;", "¡"},
+        Row{"&Agr&nbsp;ave;", "&Agrave;"}, Row{"&#1&#48;0;", "d"}, Row{"&#100&#59;", "d"}, Row{"&euro&#59;", "&euro;"},
+        Row{"&&amp;&;;", "&&&;;"}}) {
+    EXPECT_EQ(HtmlEntityDecode(text), expected) << text;
+  }
 }
 
 // The list as plain replacements of whole texts, written down independently for a part of it.

@@ -3,7 +3,6 @@
 #include "platform/number_text.h"
 #include "platform/run_time_error.h"
 #include "tests/support/feeder_fixture.h"
-#include "tests/support/http_server.h"
 
 #include <filesystem>
 #include <fstream>
@@ -46,9 +45,6 @@ TEST_F(Requests, GetCarriesTheTokenAndACacheBuster) {
     EXPECT_TRUE(*drawn >= 0 && *drawn < 1) << path;
   }
   EXPECT_TRUE(Last().target.starts_with("/v1/markets/quotes?symbols=A%20B&randombit=")) << Last().target;
-}
-
-TEST_F(Requests, WholeAddressesAreTakenAsTheyAre) {
   server.Put("/elsewhere", {.body = "there"});
   EXPECT_EQ(ApiRequest(context, server.Address("/elsewhere")), "there");
 }
@@ -86,53 +82,37 @@ TEST_F(Requests, SandboxRefusesPostsWithoutSendingThem) {
   EXPECT_EQ(ApiRequest(context, "markets/quotes"), "quotes");
 }
 
-TEST_F(Requests, MinuteBarsAreKeptForFifteenSeconds) {
-  server.Put("/v1/markets/timesales", {.body = kBars});
-  EXPECT_EQ(ApiRequest(context, kBarsPath), kBars);
-  EXPECT_EQ(Cached("Q-T@"), "20240315037800");
-  clock.JumpWall(14s);
-  EXPECT_EQ(ApiRequest(context, kBarsPath), kBars);
-  EXPECT_EQ(server.Seen().size(), 1u);
-  clock.JumpWall(1s);
-  EXPECT_EQ(ApiRequest(context, kBarsPath), kBars);
-  EXPECT_EQ(server.Seen().size(), 2u);
-}
-
-TEST_F(Requests, MinuteBarsAreNotReusedAcrossMidnight) {
-  server.Put("/v1/markets/timesales", {.body = kBars});
-  clock.JumpWall(13h + 29min + 55s);  // 23:59:55
-  ApiRequest(context, kBarsPath);
-  clock.JumpWall(10s);
-  ApiRequest(context, kBarsPath);
-  EXPECT_EQ(server.Seen().size(), 2u);
-}
-
-TEST_F(Requests, AnswersWithNullsAreNotKept) {
+TEST_F(Requests, MinuteBarsAreKeptForFifteenSecondsOfADay) {
   server.Put("/v1/markets/timesales", {.body = R"({"series":null})"});
   EXPECT_EQ(ApiRequest(context, kBarsPath), R"({"series":null})");
   EXPECT_EQ(Cached("Q-"), "");
+  server.Put("/v1/markets/timesales", {.body = kBars});
+  const auto asksAfter = [&](std::chrono::seconds time) {
+    clock.JumpWall(time);
+    const std::size_t before = server.Seen().size();
+    EXPECT_EQ(ApiRequest(context, kBarsPath), kBars);
+    return server.Seen().size() > before;
+  };
+  EXPECT_TRUE(asksAfter(0s));
+  EXPECT_EQ(Cached("Q-T@"), "20240315037800");
+  EXPECT_FALSE(asksAfter(14s));
+  EXPECT_TRUE(asksAfter(1s));
+  EXPECT_TRUE(asksAfter(13h + 29min + 40s));  // 23:59:55
+  EXPECT_TRUE(asksAfter(10s));
 }
-
-struct FileCase {
-  const char* text;
-  const char* result;  // "" when the network is asked
-};
 
 TEST_F(Requests, TodaysFileOfTheSymbolGoesFirst) {
   std::filesystem::create_directory(folder.File("data"));
   server.Put("/v1/markets/timesales", {.body = "network"});
-  constexpr FileCase kCases[] = {
-      {"1000|1|15000@1001|2|15025", R"("time":"100100","timestamp":0,"price":150.25,)"},
-      {"1000|1|15000@1001|2|15025|9@", R"("time":"100100","timestamp":0,"price":150.25,)"},
-      {"1001|2|15025", R"("time":"100100","timestamp":0,"price":150.25,)"},
-      {"no records", "network"},
-      {"1001|2", "not_auth0|Subscript out of range"},
-      {"1001|2|price", "not_auth0|Type mismatch"},
-  };
-  for (const FileCase& row : kCases) {
-    std::ofstream(folder.File("data/AAPL_HJ_1")) << row.text;
+  constexpr const char* kRecord = R"("time":"100100","timestamp":0,"price":150.25,)";
+  using Row = std::pair<const char*, const char*>;
+  for (const auto& [text, result] :
+       {Row{"1000|1|15000@1001|2|15025", kRecord}, Row{"1000|1|15000@1001|2|15025|9@", kRecord},
+        Row{"1001|2|15025", kRecord}, Row{"no records", "network"}, Row{"1001|2", "not_auth0|Subscript out of range"},
+        Row{"1001|2|price", "not_auth0|Type mismatch"}}) {
+    std::ofstream(folder.File("data/AAPL_HJ_1")) << text;
     store->DeleteSection(kApp, "TIntra");
-    EXPECT_EQ(ApiRequest(context, kBarsPath), row.result) << row.text;
+    EXPECT_EQ(ApiRequest(context, kBarsPath), result) << text;
   }
 }
 
@@ -150,17 +130,8 @@ TEST_F(Requests, StationRequestEndsTheProgramOnAnyOtherStatus) {
 TEST_F(Requests, VendorPostGoesOverTlsWhateverIsAsked) {
   HttpServer secure(HttpServer::Security::kTls);
   secure.Put("/gmt/", {.status = 500, .body = "TZM240|"});
-  setenv("SSL_CERT_FILE", secure.CertificateFile().c_str(), 1);
-  const auto trusting = platform::MakeHttpClient(loop, "test");
-  unsetenv("SSL_CERT_FILE");
-  providers::Context own{.store = *store,
-                         .loop = loop,
-                         .clock = clock,
-                         .http = *trusting,
-                         .processes = processes,
-                         .log = log,
-                         .programFolder = folder.Path(),
-                         .endProcess = [] { throw ProgramEnded{}; }};
+  const auto trusting = TrustingClient(secure);
+  providers::Context own = ContextOf(*trusting);
   std::string address = secure.Address("/gmt/");
   address.erase(address.find("https"), 5).insert(0, "http");
   EXPECT_EQ(providers::VendorPost(own, address, "one\r\ntwo"), "TZM240|");
@@ -171,9 +142,6 @@ TEST_F(Requests, VendorPostGoesOverTlsWhateverIsAsked) {
   EXPECT_EQ(seen.headers.at("content-type"), "application/json; charset=UTF-8");
   // Nobody trusts this certificate here.
   EXPECT_EQ(providers::VendorPost(context, address, "@").substr(0, 4), "err-");
-}
-
-TEST(UserAgent, NamesTheProgramAndItsVersion) {
   EXPECT_EQ(providers::BuildUserAgent(), "test_providers/" QUENMARK_VERSION " (N; en-GB; DAEMON)");
 }
 

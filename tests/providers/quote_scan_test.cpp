@@ -35,40 +35,30 @@ class Scanned {
   }
 };
 
-struct ScanCase {
-  const char* name;
-  std::string text;
-  std::string quotes;
-};
-
-class QuoteScanRows : public ::testing::TestWithParam<ScanCase> {};
-
-TEST_P(QuoteScanRows, SameQuotesHoweverTheTextIsCut) {
-  const std::string_view text = GetParam().text;
-  EXPECT_EQ(Scanned()({text}), GetParam().quotes);
-  std::vector<std::string_view> bytes;
-  for (std::size_t i = 0; i < text.size(); ++i) bytes.push_back(text.substr(i, 1));
-  EXPECT_EQ(Scanned()(bytes), GetParam().quotes);
-  for (std::size_t cut = 0; cut <= text.size(); ++cut) {
-    ASSERT_EQ(Scanned()({text.substr(0, cut), text.substr(cut)}), GetParam().quotes) << cut;
+TEST(QuoteScan, SameQuotesHoweverTheTextIsCut) {
+  const std::string update = kUpdate;
+  using Row = std::pair<std::string, std::string>;
+  for (const auto& [whole, quotes] :
+       {Row{kFull, kFullQuote}, Row{kUpdate, kUpdateQuote},
+        Row{std::string(kFull) + "\r\n{\"Heartbeat\":1,\"Timestamp\":\"2026-05-10T18:00:23Z\"}\r\n" + kUpdate +
+                "{\"StreamStatus\":\"GoAway\"}{\"Symbol\":\"AAPL\",\"Error\":\"DualLogon\"}" + kFull,
+            std::string(kFullQuote) + kUpdateQuote + kFullQuote},
+        Row{R"("Last":"1","TradeTime":"x"})" + update, kUpdateQuote},               // a fragment at the start
+        Row{update + R"({"Symbol":"A","Last":"1","TradeTime":"20)", kUpdateQuote},  // an open object at the end
+        Row{R"({"Symbol":"A","Last":"1"})" + update, kUpdateQuote},                 // no time
+        Row{R"({"X":"}{\"","Symbol":"A","Last":"1","TradeTime":"T"})", "A|1|t;"},   // braces and quotes in a text
+        Row{"{\"Symbol\":\"A\n" + update, kUpdateQuote}}) {                         // a line break in a text
+    SCOPED_TRACE(whole);
+    const std::string_view text = whole;
+    EXPECT_EQ(Scanned()({text}), quotes);
+    std::vector<std::string_view> bytes;
+    for (std::size_t i = 0; i < text.size(); ++i) bytes.push_back(text.substr(i, 1));
+    EXPECT_EQ(Scanned()(bytes), quotes);
+    for (std::size_t cut = 0; cut <= text.size(); ++cut) {
+      ASSERT_EQ(Scanned()({text.substr(0, cut), text.substr(cut)}), quotes) << cut;
+    }
   }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Rows, QuoteScanRows,
-    ::testing::Values(
-        ScanCase{"WholeObject", kFull, kFullQuote}, ScanCase{"Update", kUpdate, kUpdateQuote},
-        ScanCase{"ControlObjectsBetween",
-                 std::string(kFull) + "\r\n{\"Heartbeat\":1,\"Timestamp\":\"2026-05-10T18:00:23Z\"}\r\n" + kUpdate +
-                     "{\"StreamStatus\":\"GoAway\"}{\"Symbol\":\"AAPL\",\"Error\":\"DualLogon\"}" + kFull,
-                 std::string(kFullQuote) + kUpdateQuote + kFullQuote},
-        ScanCase{"FragmentAtTheStart", R"("Last":"1","TradeTime":"x"})" + std::string(kUpdate), kUpdateQuote},
-        ScanCase{"OpenObjectAtTheEnd", std::string(kUpdate) + R"({"Symbol":"A","Last":"1","TradeTime":"20)",
-                 kUpdateQuote},
-        ScanCase{"MarkerMissing", R"({"Symbol":"A","Last":"1"})" + std::string(kUpdate), kUpdateQuote},
-        ScanCase{"BracesAndQuotesInTexts", R"({"X":"}{\"","Symbol":"A","Last":"1","TradeTime":"T"})", "A|1|t;"},
-        ScanCase{"LineBreakInATextDropsItsObject", "{\"Symbol\":\"A\n" + std::string(kUpdate), kUpdateQuote}),
-    [](const auto& row) { return row.param.name; });
 
 TEST(QuoteScan, DropsAnObjectAboveTheLimitAndGoesOn) {
   const std::string huge = "{\"Symbol\":\"" + std::string(providers::QuoteScan::kLargestObject, 'A');

@@ -4,42 +4,31 @@
 
 #include <string>
 #include <utility>
-#include <vector>
 
 namespace quenmark::providers {
 namespace {
 
-using Cases = std::vector<std::pair<std::string, std::string>>;
+using Row = std::pair<std::string, std::string>;
 
 TEST(Base64DecodeText, DecodesGroupsUntilAnInvalidOne) {
-  const Cases cases = {
-      {"", ""},
-      {"QUJD", "ABC"},
-      {"QQ==", "A"},
-      {"QUI=", "AB"},
-      {"QU JD\r\n\t", "ABC"},
-      {"QUJD*xyz", "ABC"},
-      {"QUJDQ*==", "ABC"},
-      {"QUJDREU", "ABCDE"},
-      {"QQ", "A"},
-      {"Q", "@"},
-      {"QQ==QQ==", "AA"},
-      {"====", std::string(1, '\0')},
-      {"gJ8A", std::string("€Ÿ\0", 6)},
-      {"-_-_", ""},
-  };
-  for (const auto& [text, expected] : cases) EXPECT_EQ(Base64DecodeText(text), expected) << text;
+  for (const auto& [text, expected] :
+       {Row{"", ""}, Row{"QUJD", "ABC"}, Row{"QQ==", "A"}, Row{"QUI=", "AB"}, Row{"QU JD\r\n\t", "ABC"},
+        Row{"QUJD*xyz", "ABC"}, Row{"QUJDQ*==", "ABC"}, Row{"QUJDREU", "ABCDE"}, Row{"QQ", "A"}, Row{"Q", "@"},
+        Row{"QQ==QQ==", "AA"}, Row{"====", std::string(1, '\0')}, Row{"gJ8A", std::string("€Ÿ\0", 6)},
+        Row{"-_-_", ""}}) {
+    EXPECT_EQ(Base64DecodeText(text), expected) << text;
+  }
 }
 
 TEST(UrlDecode, DecodesEveryForm) {
-  const Cases cases = {
-      {"a+b%20c", "a b c"},   {"%2B+", "+ "},     {"%C3%A9", "é"},       {"%e2%82%ac", "€"},
-      {"%u20AC%U20ac", "€€"}, {"%80%FF", "€ÿ"},   {"100%", "100%"},      {"%", "%"},
-      {"%%41", "%A"},         {"%4", "%4"},       {"%4g", "%4g"},        {"%E2%82", "%E2‚"},
-      {"%C3x", "%C3x"},       {"%u20A", "%u20A"}, {"%ud83d%ude00", "😀"}, {"%ud83dx", "\xEF\xBF\xBDx"},
-      {"%zz%41", "%zzA"},     {"%+41", "% 41"},   {"%C3%A9%", "é%"},
-  };
-  for (const auto& [text, expected] : cases) EXPECT_EQ(UrlDecode(text), expected) << text;
+  for (const auto& [text, expected] :
+       {Row{"a+b%20c", "a b c"}, Row{"%2B+", "+ "}, Row{"%C3%A9", "é"}, Row{"%e2%82%ac", "€"},
+        Row{"%u20AC%U20ac", "€€"}, Row{"%80%FF", "€ÿ"}, Row{"100%", "100%"}, Row{"%", "%"}, Row{"%%41", "%A"},
+        Row{"%4", "%4"}, Row{"%4g", "%4g"}, Row{"%E2%82", "%E2‚"}, Row{"%C3x", "%C3x"}, Row{"%u20A", "%u20A"},
+        Row{"%ud83d%ude00", "😀"}, Row{"%ud83dx", "\xEF\xBF\xBDx"}, Row{"%zz%41", "%zzA"}, Row{"%+41", "% 41"},
+        Row{"%C3%A9%", "é%"}}) {
+    EXPECT_EQ(UrlDecode(text), expected) << text;
+  }
 }
 
 TEST(RegexTest, MatchesAnywhereWithoutCase) {

@@ -5,6 +5,8 @@
 #include "platform/http_client.h"
 #include "platform/sqlite_store.h"
 #include "providers/context.h"
+#include "tests/support/environment_variable.h"
+#include "tests/support/http_server.h"
 #include "tests/support/manual_clock.h"
 #include "tests/support/temporary_folder.h"
 
@@ -51,20 +53,28 @@ class FeederFixture : public ::testing::Test {
   FeederFixture()
       : store(platform::SqliteStore::Open(folder.File("settings.db"), clock)),
         http(platform::MakeHttpClient(loop, "test")),
-        context{.store = *store,
-                .loop = loop,
-                .clock = clock,
-                .http = *http,
-                .processes = processes,
-                .log = log,
-                .programFolder = folder.Path(),
-                .endProcess = [] { throw ProgramEnded{}; }} {
+        context(ContextOf(*http)) {
     store->AttachTo(loop);
     context.providerName = "Tradier";
     context.settingsApp = kApp;
     context.gmtOffsetMinutes = 240;
   }
 
+  providers::Context ContextOf(platform::HttpClient& client) {
+    return {.store = *store,
+            .loop = loop,
+            .clock = clock,
+            .http = client,
+            .processes = processes,
+            .log = log,
+            .programFolder = folder.Path(),
+            .endProcess = [] { throw ProgramEnded{}; }};
+  }
+  // A client that trusts the certificate of this server too.
+  std::unique_ptr<platform::HttpClient> TrustingClient(const HttpServer& server) {
+    const EnvironmentVariable trust("SSL_CERT_FILE", server.CertificateFile());
+    return platform::MakeHttpClient(loop, "test");
+  }
   std::string Feeder(std::string_view key) { return store->GetSetting(context.settingsApp, "Feeder", key); }
   void SetFeeder(std::string_view key, std::string_view value) {
     store->SaveSetting(context.settingsApp, "Feeder", key, value);

@@ -1,10 +1,9 @@
-// The settings store's rules in their simplest form: a list of entries in stored order.
+// The settings store's rules in their simplest form: applications, sections and keys in the order of their first save.
 #pragma once
 
 #include "platform/code_page.h"
 #include "platform/settings_store.h"
 
-#include <algorithm>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -14,91 +13,67 @@ namespace quenmark::test {
 class MemoryStore final : public platform::SettingsStore {
  public:
   void Read(std::string_view application, std::string_view section, std::string_view key, std::string& value) override {
-    const Entry* entry = Find(application, section, key);
-    value = entry == nullptr ? std::string{} : entry->value;
+    const Node* node = Find(Find(Find(&m_root, application), section), key);
+    value = node == nullptr ? "" : node->value;
   }
   void SaveSetting(std::string_view application, std::string_view section, std::string_view key,
                    std::string_view value) override {
+    Make(Make(Make(m_root, application), section), key).value = value;
     ++m_revision;
-    if (Entry* entry = Find(application, section, key)) {
-      entry->value = value;
-      return;
-    }
-    // The names keep the spelling of their first save.
-    const auto spelled = std::find_if(m_entries.begin(), m_entries.end(),
-                                      [&](const Entry& entry) { return Same(entry.application, application); });
-    const auto inSection = std::find_if(m_entries.begin(), m_entries.end(), [&](const Entry& entry) {
-      return Same(entry.application, application) && Same(entry.section, section);
-    });
-    Entry entry;
-    entry.application = spelled == m_entries.end() ? std::string(application) : spelled->application;
-    entry.section = inSection == m_entries.end() ? std::string(section) : inSection->section;
-    entry.key = key;
-    entry.value = value;
-    m_entries.push_back(std::move(entry));
   }
   Pairs GetAllSettings(std::string_view application, std::string_view section) override {
     Pairs pairs;
-    for (const Entry& entry : m_entries) {
-      if (Same(entry.application, application) && Same(entry.section, section))
-        pairs.emplace_back(entry.key, entry.value);
+    if (const Node* parent = Find(Find(&m_root, application), section)) {
+      for (const Node& node : parent->children) pairs.emplace_back(node.name, node.value);
     }
     return pairs;
   }
   std::uint64_t SectionRevision(std::string_view, std::string_view) override { return m_revision; }
   void DeleteSetting(std::string_view application, std::string_view section, std::string_view key) override {
-    Erase([&](const Entry& entry) {
-      return Same(entry.application, application) && Same(entry.section, section) && Same(entry.key, key);
-    });
+    Node* parent = Find(&m_root, application);
+    Remove(Find(parent, section), key);
+    if (const Node* node = Find(parent, section); node != nullptr && node->children.empty()) Remove(parent, section);
+    if (parent != nullptr && parent->children.empty()) Remove(&m_root, application);
   }
   void DeleteSection(std::string_view application, std::string_view section) override {
-    Erase([&](const Entry& entry) { return Same(entry.application, application) && Same(entry.section, section); });
+    Node* parent = Find(&m_root, application);
+    Remove(parent, section);
+    if (parent != nullptr && parent->children.empty()) Remove(&m_root, application);
   }
-  void DeleteApplication(std::string_view application) override {
-    Erase([&](const Entry& entry) { return Same(entry.application, application); });
-  }
-  std::vector<std::string> Applications() override {
-    std::vector<std::string> names;
-    for (const Entry& entry : m_entries) AddOnce(names, entry.application);
-    return names;
-  }
-  std::vector<std::string> Sections(std::string_view application) override {
-    std::vector<std::string> names;
-    for (const Entry& entry : m_entries) {
-      if (Same(entry.application, application)) AddOnce(names, entry.section);
-    }
-    return names;
-  }
+  void DeleteApplication(std::string_view application) override { Remove(&m_root, application); }
+  std::vector<std::string> Applications() override { return Names(&m_root); }
+  std::vector<std::string> Sections(std::string_view application) override { return Names(Find(&m_root, application)); }
   void Flush() override {}
 
  private:
-  struct Entry {
-    std::string application;
-    std::string section;
-    std::string key;
+  struct Node {
+    std::string name;
     std::string value;
+    std::vector<Node> children;
   };
-
-  static bool Same(std::string_view left, std::string_view right) {
-    return platform::EqualsIgnoreAsciiCase(left, right);
-  }
-  static void AddOnce(std::vector<std::string>& names, const std::string& name) {
-    if (std::none_of(names.begin(), names.end(), [&](const std::string& known) { return Same(known, name); })) {
-      names.push_back(name);
+  static Node* Find(Node* parent, std::string_view name) {
+    if (parent == nullptr) return nullptr;
+    for (Node& node : parent->children) {
+      if (platform::EqualsIgnoreAsciiCase(node.name, name)) return &node;
     }
+    return nullptr;
   }
-  Entry* Find(std::string_view application, std::string_view section, std::string_view key) {
-    const auto found = std::find_if(m_entries.begin(), m_entries.end(), [&](const Entry& entry) {
-      return Same(entry.application, application) && Same(entry.section, section) && Same(entry.key, key);
-    });
-    return found == m_entries.end() ? nullptr : &*found;
+  static Node& Make(Node& parent, std::string_view name) {
+    if (Node* node = Find(&parent, name)) return *node;
+    return parent.children.emplace_back(Node{std::string(name), {}, {}});
   }
-  template <typename Condition>
-  void Erase(Condition condition) {
-    if (std::erase_if(m_entries, condition) > 0) ++m_revision;
+  void Remove(Node* parent, std::string_view name) {
+    const auto named = [&](const Node& node) { return platform::EqualsIgnoreAsciiCase(node.name, name); };
+    if (parent != nullptr && std::erase_if(parent->children, named) > 0) ++m_revision;
+  }
+  static std::vector<std::string> Names(const Node* parent) {
+    std::vector<std::string> names;
+    if (parent == nullptr) return names;
+    for (const Node& node : parent->children) names.push_back(node.name);
+    return names;
   }
 
-  std::vector<Entry> m_entries;
+  Node m_root;
   std::uint64_t m_revision = 1;
 };
 

@@ -38,7 +38,6 @@ SimulatorProcess::SimulatorProcess(std::vector<std::string> arguments) : m_proce
   if (!line) throw std::runtime_error("the simulator does not start: " + m_process.ErrorText());
   const auto ports = nlohmann::json::parse(*line);
   m_httpsPort = ports.at("https").get<int>();
-  m_wssPort = ports.at("wss").get<int>();
   m_httpPort = ports.at("http").get<int>();
   m_wssPort = ports.at("wss").get<int>();
   m_caFile = ports.at("ca").get<std::string>();
