@@ -1,5 +1,6 @@
 // The feeder's own work per tick and per snapshot: the store is real, requests answer at once and pauses are skipped.
 #include "feeder/main_form.h"
+#include "feeder/news_feed.h"
 #include "feeder/quote_snapshot.h"
 #include "platform/sqlite_store.h"
 #include "tests/support/manual_clock.h"
@@ -131,6 +132,40 @@ void MainTickNothingChanged(benchmark::State& state) {
   for (auto unused : state) form.Timer1_Timer();
 }
 BENCHMARK(MainTickNothingChanged)->Arg(5000)->Arg(10000)->Arg(20000)->Unit(benchmark::kMillisecond);
+
+std::string NewsAnswer(int items) {
+  std::string answer = R"({"data":[)";
+  for (int i = 0; i < items; ++i) {
+    const std::string id = std::to_string(1'000'000 + i);
+    answer +=
+        (i == 0 ? "" : ",") + std::string(R"({"ts_id":)") + id + R"(,"category":"company","datetime":17)" + id +
+        R"(0,"headline":"Shares of Some Company Inc move on heavy volume","image":"https://news.example/)" + id +
+        R"(.jpg","related":"AAPL,MSFT","source":"The Ticker","summary":"The company did not comment on the move.",)" +
+        R"("symbol":"AAPL","url":"https://news.example/)" + id + R"("})";
+  }
+  return answer + "]}";
+}
+
+// A whole answer into an empty history, committed.
+void StoreNews(benchmark::State& state) {
+  const int items = static_cast<int>(state.range(0));
+  const std::string answer = NewsAnswer(items);
+  for (auto unused : state) {
+    state.PauseTiming();
+    Bench bench;
+    platform::Timer timer(bench.loop, std::chrono::seconds{30}, [] {});
+    feeder::NewsFeed feed(bench.context, timer, nullptr);
+    state.ResumeTiming();
+    feed.Tsock_CloseEvent(200, answer);
+    bench.store->Flush();
+    state.PauseTiming();
+    const std::string last =
+        "17" + std::to_string(1'000'000 + items - 1) + "0_" + std::to_string(1'000'000 + items - 1);
+    if (bench.store->GetSetting("KLV-News", last, "source") != "The Ticker") state.SkipWithError("wrong item");
+    state.ResumeTiming();
+  }
+}
+BENCHMARK(StoreNews)->Arg(1000)->Arg(10000)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 }  // namespace quenmark::bench

@@ -27,10 +27,13 @@ class NewsFeed {
   // sent, and the timer stays off.
   void Poll();
 
+  // What becomes of an answer: with status 200 its items are stored; a history of fewer than 50 items is dropped
+  // whatever the status; the timer is armed.
+  void Tsock_CloseEvent(std::int32_t statusCode, const std::string& body);
+
   bool Fetching() const { return m_tsock != nullptr || m_icons.Busy(); }
 
  private:
-  void Tsock_CloseEvent(std::int32_t statusCode, const std::string& body);
   void StoreItems(const std::string& body);
   // The item's section, "" when it has none and is left out.
   std::string StoreItem(const providers::JsonValue& item);
