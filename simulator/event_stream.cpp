@@ -64,6 +64,11 @@ std::optional<Subscription> ParseSubscription(std::string_view message) {
 
 }  // namespace
 
+// Streams that are still open are destroyed later and must not come back here.
+EventShared::~EventShared() {
+  for (EventStream* stream : streams) stream->m_closed = true;
+}
+
 void EventShared::ExpireSessions() {
   sessions.ExpireAll();
   for (EventStream* stream : streams) {

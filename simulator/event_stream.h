@@ -53,6 +53,9 @@ class EventStream;
 struct EventShared {
   EventShared(Market& sharedMarket, const EventOptions& given)
       : market(sharedMarket), options(given), sessions(given.sessionLife), log(given.logFile) {}
+  ~EventShared();
+  EventShared(const EventShared&) = delete;
+  EventShared& operator=(const EventShared&) = delete;
 
   // Every session id is gone; the streams that use one are told and fall silent.
   void ExpireSessions();

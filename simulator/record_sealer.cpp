@@ -8,6 +8,7 @@
 #include <openssl/params.h>
 
 #include <array>
+#include <utility>
 #include <vector>
 
 namespace quenmark::simulator {
@@ -24,9 +25,10 @@ struct WriteSide {
 };
 
 int WriteSideIndex() {
-  static const int index = SSL_get_ex_new_index(
-      0, nullptr, nullptr, nullptr,
-      [](void*, void* data, CRYPTO_EX_DATA*, int, long, void*) { delete static_cast<WriteSide*>(data); });
+  static const int index =
+      SSL_get_ex_new_index(0, nullptr, nullptr, nullptr, [](void*, void* data, CRYPTO_EX_DATA*, int, long, void*) {
+        std::unique_ptr<WriteSide>{static_cast<WriteSide*>(data)}.reset();
+      });
   return index;
 }
 
@@ -43,7 +45,7 @@ void OnSecret(const SSL* ssl, const char* line) {
   side->secret.resize(hex.size() / 2);
   std::size_t size = 0;
   if (OPENSSL_hexstr2buf_ex(side->secret.data(), side->secret.size(), &size, hex.c_str(), '\0') != 1) return;
-  delete SideOf(ssl);
+  std::unique_ptr<WriteSide>{SideOf(ssl)}.reset();
   SSL_set_ex_data(const_cast<SSL*>(ssl), WriteSideIndex(), side.release());
 }
 
@@ -86,7 +88,7 @@ struct RecordSealer::State {
   std::uint64_t sequence = 0;
 };
 
-RecordSealer::RecordSealer() : m_state(std::make_unique<State>()) {}
+RecordSealer::RecordSealer(std::unique_ptr<State> state) : m_state(std::move(state)) {}
 RecordSealer::~RecordSealer() = default;
 
 void RecordSealer::Watch(SSL_CTX* context) {
@@ -103,8 +105,8 @@ std::unique_ptr<RecordSealer> RecordSealer::Take(SSL* ssl) {
   const EVP_CIPHER* algorithm = EVP_get_cipherbynid(name);
   const char* digest = EVP_MD_get0_name(SSL_CIPHER_get_handshake_digest(suite));
 
-  std::unique_ptr<RecordSealer> sealer{new RecordSealer};
-  State& state = *sealer->m_state;
+  auto owned = std::make_unique<State>();
+  State& state = *owned;
   std::vector<unsigned char> key(static_cast<std::size_t>(EVP_CIPHER_get_key_length(algorithm)));
   state.iv.resize(kNonceSize);
   state.sequence = side->records;
@@ -112,7 +114,7 @@ std::unique_ptr<RecordSealer> RecordSealer::Take(SSL* ssl) {
   const bool ready = state.cipher != nullptr && Expand(side->secret, digest, "key", key) &&
                      Expand(side->secret, digest, "iv", state.iv) &&
                      EVP_EncryptInit_ex(state.cipher, algorithm, nullptr, key.data(), state.iv.data()) == 1;
-  return ready ? std::move(sealer) : nullptr;
+  return ready ? std::make_unique<RecordSealer>(std::move(owned)) : nullptr;
 }
 
 bool RecordSealer::Seal(std::uint8_t type, std::string_view plaintext, std::string& out) {

@@ -22,6 +22,8 @@ class RecordSealer {
   // Takes the place of libssl's writing on `ssl`, whose handshake is done. Null when the connection cannot be taken
   // over (TLS 1.2, a context that is not watched); it then goes on by libssl.
   static std::unique_ptr<RecordSealer> Take(SSL* ssl);
+  struct State;
+  explicit RecordSealer(std::unique_ptr<State> state);
   ~RecordSealer();
   RecordSealer(const RecordSealer&) = delete;
   RecordSealer& operator=(const RecordSealer&) = delete;
@@ -30,9 +32,6 @@ class RecordSealer {
   bool Seal(std::uint8_t type, std::string_view plaintext, std::string& out);
 
  private:
-  RecordSealer();
-
-  struct State;
   std::unique_ptr<State> m_state;
 };
 

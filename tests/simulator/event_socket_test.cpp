@@ -115,6 +115,22 @@ TEST(EventSocket, FaultsThatKeepItOpen) {
   EXPECT_EQ(client.Read(3).back().size(), 50'000'000U);
 }
 
+TEST(EventSocket, SignalsEndItWithOpenStreams) {
+  TemporaryFolder folder;
+  Simulator simulator{{"--rate", "0", "--event-log", folder.File("log")}};
+  EventClient client{simulator};
+  client.Subscribe({"AAPL"}, NewSession(simulator));
+  std::vector<std::string> messages = client.Read(100);
+  simulator.Program().Signal(SIGTERM);
+  EXPECT_EQ(simulator.Program().Wait(), 0);
+  while (!client.Error()) messages.push_back(client.Read());
+  messages.pop_back();
+  const std::vector<std::string> logged = EventLogTexts(folder.File("log"), "events");
+  ASSERT_GE(logged.size(), messages.size()) << "what is sent is in the log";
+  EXPECT_TRUE(std::equal(messages.begin(), messages.end(), logged.begin(),
+                         [](const std::string& sent, const std::string& line) { return sent == line + "\n"; }));
+}
+
 TEST(EventSocket, RefusedHandshakes) {
   TemporaryFolder folder;
   Simulator simulator{{"--fault", "status401@events$*1", "--fault", "html*1", "--log", folder.File("log")}};
