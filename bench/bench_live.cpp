@@ -3,6 +3,7 @@
 // are none.
 #include "feeder/tradier_events.h"
 #include "platform/sqlite_store.h"
+#include "tests/sockets/allocation_count.h"
 #include "tests/support/manual_clock.h"
 #include "tests/support/temporary_folder.h"
 
@@ -13,28 +14,8 @@
 #include <cstdint>
 #include <cstdlib>
 #include <memory>
-#include <new>
 #include <string>
 #include <string_view>
-
-namespace {
-
-thread_local std::size_t allocations = 0;
-
-}  // namespace
-
-// Not inlined: seen side by side, malloc and delete look mismatched to the compiler.
-[[gnu::noinline]] void* operator new(std::size_t size) {
-  ++allocations;
-  if (void* memory = std::malloc(size)) return memory;
-  throw std::bad_alloc();
-}
-[[gnu::noinline]] void operator delete(void* memory) noexcept {
-  std::free(memory);
-}
-[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept {
-  std::free(memory);
-}
 
 namespace quenmark::bench {
 namespace {
@@ -144,7 +125,7 @@ class EventText {
 };
 
 void RequireNoAllocations(benchmark::State& state, std::size_t before) {
-  const double each = static_cast<double>(allocations - before) / static_cast<double>(state.iterations());
+  const double each = static_cast<double>(test::AllocationCount() - before) / static_cast<double>(state.iterations());
   state.counters["allocations"] = each;
   if (each > 0.001) state.SkipWithError("an event allocates");
 }
@@ -157,7 +138,7 @@ void Handle(benchmark::State& state) {
   EventText text(kind);
   const std::size_t symbols = kind == kRepeated ? SIZE_MAX : 50;
   bench.events.HandleStreamEvent(text.Next(symbols));
-  const std::size_t before = allocations;
+  const std::size_t before = test::AllocationCount();
   for (auto unused : state) bench.events.HandleStreamEvent(text.Next(symbols));
   const bool written = store.bytes >= 10 * static_cast<std::size_t>(state.iterations());
   if (written == (kind == kRepeated)) state.SkipWithError("wrong records");
@@ -222,7 +203,7 @@ void HandleAndCommit(benchmark::State& state) {
     if (++count % 50 == 0) store->Flush();
   };
   for (std::size_t i = 0; i < 2 * symbols; ++i) run();  // every record is in memory from then on
-  const std::size_t before = allocations;
+  const std::size_t before = test::AllocationCount();
   for (auto unused : state) run();
   RequireNoAllocations(state, before);
   state.SetItemsProcessed(2 * static_cast<std::int64_t>(state.iterations()));

@@ -2,6 +2,7 @@
 // error.
 #include "platform/message_loop.h"
 #include "platform/process_list.h"
+#include "tests/sockets/allocation_count.h"
 
 #include <benchmark/benchmark.h>
 #include <sys/epoll.h>
@@ -10,27 +11,8 @@
 
 #include <array>
 #include <cstdint>
-#include <cstdlib>
 #include <deque>
 #include <functional>
-#include <new>
-
-namespace {
-std::uint64_t allocations = 0;
-}  // namespace
-
-// Not inlined: seen side by side, malloc and delete look mismatched to the compiler.
-[[gnu::noinline]] void* operator new(std::size_t size) {
-  ++allocations;
-  if (void* memory = std::malloc(size)) return memory;
-  throw std::bad_alloc();
-}
-[[gnu::noinline]] void operator delete(void* memory) noexcept {
-  std::free(memory);
-}
-[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept {
-  std::free(memory);
-}
 
 namespace {
 
@@ -39,7 +21,7 @@ using namespace quenmark::platform;
 constexpr int kBatch = 1000;
 
 void FinishWithout(benchmark::State& state, std::uint64_t before, std::int64_t perIteration) {
-  if (allocations != before) state.SkipWithError("the loop allocates per event");
+  if (quenmark::test::AllocationCount() != before) state.SkipWithError("the loop allocates per event");
   state.SetItemsProcessed(state.iterations() * perIteration);
 }
 
@@ -50,7 +32,7 @@ void PostAndDispatch(benchmark::State& state) {
   const WindowId window = loop.CreateHiddenWindow("bench", [&sum](const Message& message) { sum += message.wParam; });
   for (int i = 0; i < kBatch; ++i) loop.Post({window, 1, 1, 0});
   loop.RunQueued();
-  const std::uint64_t before = allocations;
+  const std::size_t before = quenmark::test::AllocationCount();
   for (auto _ : state) {
     for (int i = 0; i < kBatch; ++i) loop.Post({window, 1, 1, 0});
     loop.RunQueued();
@@ -91,7 +73,7 @@ void ReadyToMessage(benchmark::State& state) {
   loop.Watch(descriptor, {.read = true}, Trigger::kEdge, [&](Readiness) { loop.Post({window, 1, 0, 0}); });
   const std::function<bool()> done = [&seen] { return seen > 0; };
   const std::uint64_t one = 1;
-  const std::uint64_t before = allocations;
+  const std::size_t before = quenmark::test::AllocationCount();
   for (auto _ : state) {
     seen = 0;
     if (write(descriptor, &one, sizeof one) != sizeof one) state.SkipWithError("no write");
@@ -128,7 +110,7 @@ void RestartTimer(benchmark::State& state) {
   MessageLoop loop(clock);
   const WindowId window = loop.CreateHiddenWindow("bench", [](const Message&) {});
   for (std::uintptr_t timer = 1; timer <= 10; ++timer) loop.SetTimer(window, timer, std::chrono::hours{1});
-  const std::uint64_t before = allocations;
+  const std::size_t before = quenmark::test::AllocationCount();
   for (auto _ : state) {
     loop.SetTimer(window, 5, std::chrono::hours{2});
     loop.KillTimer(window, 5);

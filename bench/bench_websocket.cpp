@@ -5,6 +5,7 @@
 #include "platform/clock.h"
 #include "platform/message_loop.h"
 #include "platform/store_text.h"
+#include "tests/sockets/allocation_count.h"
 #include "tls/primitives.h"
 #include "websocket/deflate.h"
 #include "websocket/tls_transport.h"
@@ -25,28 +26,8 @@
 #include <cstring>
 #include <ctime>
 #include <memory>
-#include <new>
 #include <string>
 #include <thread>
-
-namespace {
-
-thread_local std::size_t allocations = 0;
-
-}  // namespace
-
-// Not inlined: seen side by side, malloc and delete look mismatched to the compiler.
-[[gnu::noinline]] void* operator new(std::size_t size) {
-  ++allocations;
-  if (void* memory = std::malloc(size)) return memory;
-  throw std::bad_alloc();
-}
-[[gnu::noinline]] void operator delete(void* memory) noexcept {
-  std::free(memory);
-}
-[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept {
-  std::free(memory);
-}
 
 namespace quenmark {
 namespace {
@@ -257,7 +238,7 @@ class Component {
     };
     events.OnConnect = [this](const std::string&, const std::string&, const std::string&) {
       started = ProcessorTime();
-      allocationsAtStart = allocations;
+      allocationsAtStart = test::AllocationCount();
     };
     events.OnError = [](std::int32_t, const std::string& text) { Require(false, text.c_str()); };
     socket =
@@ -285,7 +266,7 @@ Result RunOurs(const std::string& block, bool deflate) {
   component.socket->Connect("ws://127.0.0.1:" + std::to_string(server.Port()) + "/");
   component.Await([&] { return component.messages == kMessages; });
   const double spent = ProcessorTime() - component.started;
-  const std::size_t made = allocations - component.allocationsAtStart;
+  const std::size_t made = test::AllocationCount() - component.allocationsAtStart;
   Require(component.bytes == kMessages * kMessageBytes, "bytes");
   component.socket->ShutDown();
   return {spent / static_cast<double>(kMessages), static_cast<double>(made) / static_cast<double>(kMessages)};

@@ -1,0 +1,146 @@
+// The control against TLS programs of other makes.
+#include "tests/sockets/ctx_winsock_fixture.h"
+#include "tests/support/child_process.h"
+#include "tests/support/temporary_folder.h"
+
+namespace quenmark::test {
+namespace {
+
+class CtxWinsockTls : public CtxWinsockTest {
+ protected:
+  CtxWinsockTls() {
+    ChildProcess make("openssl", {"req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes",
+                                  "-subj", "/CN=localhost", "-addext", "subjectAltName=DNS:localhost", "-keyout", m_key,
+                                  "-out", m_certificate});
+    EXPECT_EQ(make.Wait(), 0);
+    m_listener = Descriptor(PlainListener());
+    m_port = PortOf(m_listener);
+    m_listener.Close();
+    m_client.control->Protocol(sockets::kProtocolTls);
+    m_client.control->RemoteHost("localhost");
+    m_client.control->RemotePort(m_port);
+  }
+  // The peer needs a moment until it listens.
+  bool ConnectAgainAndAgain() {
+    return Wait([&] {
+      if (m_client.Saw("Connect")) return true;
+      if (m_client.control->State() == 9 || m_client.control->State() == 0) {
+        m_client.control->Connect({}, 0, kAnyCertificate);
+      }
+      return false;
+    });
+  }
+
+  TemporaryFolder m_folder;
+  std::string m_key = m_folder.File("key.pem");
+  std::string m_certificate = m_folder.File("certificate.pem");
+  int m_port = 0;
+};
+
+TEST_F(CtxWinsockTls, ClientOfOtherServers) {
+  const Names servers[] = {
+      {"openssl", "s_server", "-quiet", "-accept", std::to_string(m_port), "-cert", m_certificate, "-key", m_key,
+       "-rev"},
+      {"gnutls-serv", "--echo", "--port", std::to_string(m_port), "--x509certfile", m_certificate, "--x509keyfile",
+       m_key, "--disable-client-cert"},
+  };
+  for (const Names& command : servers) {
+    ChildProcess server(command[0], {command.begin() + 1, command.end()});
+    ASSERT_TRUE(ConnectAgainAndAgain()) << command[0];
+    m_client.control->SendData("level\n");
+    ASSERT_TRUE(Wait([&] { return m_client.received == "level\n"; })) << command[0];
+    EXPECT_TRUE(m_client.Saw("SendComplete"));
+    m_client.control->Close_();
+
+    // A server that nobody vouches for is an error, and no connection.
+    Logged strict(New());
+    strict.control->Protocol(sockets::kProtocolTls);
+    strict.control->Connect("localhost", m_port, 15);
+    ASSERT_TRUE(WaitFor(strict, "Error 0 80040000")) << command[0];
+    EXPECT_EQ(strict.description, "The certificate or certificate chain is based on an untrusted root");
+    EXPECT_FALSE(strict.Saw("Connect"));
+    m_client.events.clear();
+    m_client.received.clear();
+  }
+}
+
+TEST_F(CtxWinsockTls, ServerOfOtherClients) {
+  ASSERT_EQ(mkfifo(m_folder.File("typed").c_str(), 0600), 0);
+  const Descriptor typed(open(m_folder.File("typed").c_str(), O_RDWR | O_CLOEXEC));
+  for (const bool own : {true, false}) {  // a certificate of its own making or from a file
+    m_server.control->Protocol(sockets::kProtocolTls);
+    m_server.control->Bind(0, "127.0.0.1");
+    own ? m_server.control->Listen() : m_server.control->Listen(m_certificate + "|" + m_key);
+    m_server.act = [this](const std::string& event) {
+      if (event == "ConnectionRequest") m_client.control->Accept(m_server.request);
+    };
+    const std::string port = std::to_string(m_server.control->LocalPort());
+    const Names clients[] = {{"openssl", "s_client", "-quiet", "-connect", "127.0.0.1:" + port},
+                             {"gnutls-cli", "--insecure", "--logfile=/dev/null", "--port", port, "127.0.0.1"}};
+    for (const Names& command : clients) {
+      ASSERT_EQ(write(typed, "question\n", 9), 9);
+      m_client.reads = false;
+      std::string first;
+      m_client.act = [&](const std::string& event) {
+        if (!event.starts_with("DataArrival")) return;
+        if (first.empty()) {
+          first = m_client.Get(3);  // the rest stays and arrives again
+        } else {
+          m_client.received += m_client.Get();
+        }
+        if (m_client.received.ends_with("\n")) m_client.control->SendData("answer\n");
+        if (m_client.received.ends_with("\n")) m_client.control->Close_();
+      };
+      std::string line = fmt::format("exec <'{}'", m_folder.File("typed"));  // with more to come
+      for (const std::string& word : command) line += (&word == &command[0] ? "; exec " : " ") + word;
+      ChildProcess peer("sh", {"-c", line});
+      ASSERT_TRUE(Wait([&] { return !m_client.received.empty(); }))
+          << command[0] << testing::PrintToString(m_client.events) << m_client.description << peer.ErrorText();
+      EXPECT_EQ(first + m_client.received, "question\n");
+      EXPECT_THAT(peer.ReadAll(), testing::EndsWith("answer\n")) << command[0];
+      EXPECT_EQ(std::count(m_client.events.begin(), m_client.events.end(), "Connect"), 1);
+      m_client.events.clear();
+      m_client.received.clear();
+    }
+    m_server.control->Close_();
+  }
+}
+
+// What has been decrypted when the peer ends the connection is offered before Close.
+TEST_F(CtxWinsockTls, UnreadDataComesBeforeTheClose) {
+  Listen(sockets::kProtocolTls);
+  m_client.reads = false;
+  m_client.act = [&](const std::string& event) {
+    if (event.starts_with("DataArrival")) m_client.received += m_client.Get(4);
+  };
+  const ChildProcess peer("gnutls-cli",
+                          {"--insecure", "--port", std::to_string(m_server.control->LocalPort()), "127.0.0.1"},
+                          {{}, {}, "question\n"});  // then it closes
+  ASSERT_TRUE(WaitFor(m_client, "Close"));
+  EXPECT_EQ(m_client.received, "question\n");
+  EXPECT_EQ(m_client.events.back(), "Close");
+}
+
+// Everything a TLS socket has taken is out before SendComplete, also when the peer reads no further for a while.
+TEST_F(CtxWinsockTls, CompleteOnlyWhenEverythingIsOut) {
+  ChildProcess server("openssl", {"s_server", "-quiet", "-accept", std::to_string(m_port), "-cert", m_certificate,
+                                  "-key", m_key, "-rev"});
+  m_client.reads = false;
+  ASSERT_TRUE(ConnectAgainAndAgain());
+  m_client.control->SockOpt(platform::kSoReceiveBuffer, platform::kSolSocket, 32 * 1024);
+  m_client.control->SockOpt(platform::kSoSendBuffer, platform::kSolSocket, 32 * 1024);
+  constexpr int kLines = 5000;
+  std::string text;
+  for (int i = 0; i < kLines; ++i) text += fmt::format("{:04}{}\n", i, std::string(3995, 'x'));
+  m_client.control->SendData(text);
+  m_loop.Sleep(std::chrono::milliseconds{100});
+  EXPECT_FALSE(m_client.Saw("SendComplete"));  // the peer waits until its echo is taken
+  m_client.reads = true;
+  m_client.received = m_client.Get();
+  ASSERT_TRUE(Wait([&] { return m_client.received.size() == text.size(); }));
+  EXPECT_EQ(std::count(m_client.events.begin(), m_client.events.end(), "SendComplete"), 1);
+  EXPECT_TRUE(m_client.received.ends_with("9994\n"));
+}
+
+}  // namespace
+}  // namespace quenmark::test
