@@ -73,7 +73,7 @@ TEST_F(HostResolverTest, ReportsFailuresAsWinsockCodes) {
   for (const Row& row :
        {Row{"nowhere.test.", 0, kWsaHostNotFound}, Row{"empty.test", 0, kWsaNoData}, Row{"", 0, kWsaHostNotFound},
         Row{"broken.test", 2, kWsaTryAgain}, Row{"refused.test", 5, kWsaTryAgain}, Row{"odd.test", 1, kWsaNoRecovery},
-        Row{std::string("a\0b", 3), 0, kWsaHostNotFound}, Row{std::string(300, 'x'), 0, kWsaHostNotFound}}) {
+        Row{std::string("empty.test\0b", 12), 0, kWsaHostNotFound}, Row{std::string(300, 'x'), 0, kWsaHostNotFound}}) {
     m_completions.clear();
     m_server.failure = row.failure;
     HostEntry entry;

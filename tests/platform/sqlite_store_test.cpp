@@ -90,7 +90,7 @@ void RandomOperations::Step() {
   const std::string key = Name('k');
   const std::size_t choice = Below(100);
   if (choice < 45) {
-    const std::string value = std::to_string(Below(4));
+    const std::string value(Below(4), 'v');
     store.SaveSetting(application, section, key, value);
     m_reference.SaveSetting(application, section, key, value);
   } else if (choice < 65) {
