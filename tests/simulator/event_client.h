@@ -55,13 +55,14 @@ class EventClient {
   std::vector<std::string> UntilPong() {
     std::vector<std::string> messages;
     bool answered = false;
+    bool done = false;  // like the buffer, in use until the last read has ended below
     m_ws.control_callback([&](boost::beast::websocket::frame_type kind, boost::beast::string_view) {
       answered = answered || kind == boost::beast::websocket::frame_type::pong;
     });
     m_ws.ping({}, m_error);
     boost::beast::flat_buffer buffer;
     while (!answered && !m_error) {
-      bool done = false;
+      done = false;
       m_ws.async_read(buffer, [&](boost::system::error_code error, std::size_t) {
         m_error = error;
         done = true;
