@@ -58,8 +58,9 @@ TEST_F(ProcessListTest, FindsAProcessByAnyOfItsNames) {
     test::ChildProcess::Options options;
     options.argv0 = first;
     const test::ChildProcess child("sleep", {"60"}, options);
-    // posix_spawn has returned, so the child is the program by now.
-    const std::optional<ProcessEntry> entry = Entry(child.Id());
+    std::optional<ProcessEntry> entry;
+    // The kernel shows the command line of a new program a moment after its name.
+    test::Eventually([&] { return (entry = Entry(child.Id())) && entry->names.size() > 1; });
     ASSERT_TRUE(entry) << first;
     EXPECT_THAT(entry->names, Contains(name));
     EXPECT_THAT(entry->names, Contains("sleep"));
