@@ -7,6 +7,7 @@
 #include "platform/number_text.h"
 #include "platform/run_time_error.h"
 #include "providers/get_between.h"
+#include "providers/host_port.h"
 #include "providers/http_requests.h"
 #include "providers/numbers.h"
 #include "providers/station_symbols.h"
@@ -27,13 +28,10 @@ constexpr int kSecurePort = 443;
 // Host, port and scheme of the base address; 443 and TLS unless it says otherwise.
 providers::StreamTarget TargetOf(const Context& context) {
   providers::StreamTarget target;
-  target.host = providers::GetBetween(context.apiBase, "//", "/");
-  const std::size_t colon = target.host.find(':', target.host.find(']') + 1);  // an IPv6 host has its own in brackets
-  if (colon != std::string::npos) {
-    const double port = platform::ReadNumber(std::string_view(target.host).substr(colon + 1));
-    target.port = port >= 1 && port <= 65535 ? static_cast<int>(port) : 0;  // 0 fails to connect
-    target.host.resize(colon);
-  }
+  const providers::HostPort place =
+      providers::SplitHostPort(providers::GetBetween(context.apiBase, "//", "/"), kSecurePort);
+  target.host = place.host;
+  target.port = place.port;
   target.secure = target.port == kSecurePort || context.apiBase.starts_with("https:");
   target.headers = "Content-Type: application/vnd.tradestation.streams.v2+json\r\nAuthorization: Bearer " +
                    context.accessToken + "\r\n";

@@ -172,21 +172,7 @@ StreamPiece::Then QuoteStream::FaultStep(StreamPiece& piece) {
       m_blanks = kBlankBlocks;
       CutIntoChunks(piece, 0);
       return StreamPiece::Then::kGoOn;
-    case FaultKind::kStatus401:
-    case FaultKind::kStatus429:
-    case FaultKind::kStatus500:
-    case FaultKind::kSlow:
-    case FaultKind::kHtml:
-    case FaultKind::kEmpty:
-    case FaultKind::kDrip:
-    case FaultKind::kClose:
-    case FaultKind::kTlsClose:
-    case FaultKind::kReset:
-    case FaultKind::kGarbage:
-    case FaultKind::kHalfFrame:
-    case FaultKind::kHttp10:
-    case FaultKind::kChunked:
-    case FaultKind::kOdd:
+    default:  // faults of other kinds of answers
       break;
   }
   CutIntoChunks(piece, HeldBack());

@@ -40,21 +40,7 @@ std::optional<HttpAnswer> Replacement(FaultKind kind, bool tradeStation) {
       return TextAnswer(200, "text/html", kMaintenancePage);
     case FaultKind::kEmpty:
       return TextAnswer(200, "application/json", "");
-    case FaultKind::kSlow:
-    case FaultKind::kCut:
-    case FaultKind::kHuge:
-    case FaultKind::kStall:
-    case FaultKind::kDrip:
-    case FaultKind::kEnd:
-    case FaultKind::kGoAway:
-    case FaultKind::kClose:
-    case FaultKind::kTlsClose:
-    case FaultKind::kReset:
-    case FaultKind::kGarbage:
-    case FaultKind::kHalfFrame:
-    case FaultKind::kHttp10:
-    case FaultKind::kChunked:
-    case FaultKind::kOdd:
+    default:
       break;
   }
   return std::nullopt;
