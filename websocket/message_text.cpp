@@ -62,8 +62,9 @@ bool IsUtf8(std::string_view text) {
   return true;
 }
 
-void RepairUtf8(std::string& text) {
-  if (!IsUtf8(text)) text = platform::SanitizeUtf8(text);
+std::string_view AsUtf8(std::string_view text, std::string& repaired) {
+  if (IsUtf8(text)) return text;
+  return repaired = platform::SanitizeUtf8(text);
 }
 
 }  // namespace quenmark::websocket

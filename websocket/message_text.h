@@ -7,7 +7,7 @@
 namespace quenmark::websocket {
 
 bool IsUtf8(std::string_view text);
-// Replaces what is malformed by U+FFFD; leaves well-formed text as it is.
-void RepairUtf8(std::string& text);
+// The text itself when it is well-formed, otherwise `repaired`, which gets it with U+FFFD for what is malformed.
+std::string_view AsUtf8(std::string_view text, std::string& repaired);
 
 }  // namespace quenmark::websocket

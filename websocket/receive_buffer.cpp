@@ -13,6 +13,7 @@ std::span<std::uint8_t> ReceiveBuffer::Prepare(std::size_t count) {
 }
 
 void ReceiveBuffer::MakeRoom(std::size_t count) {
+  Park();
   const std::size_t unread = Size();
   if (m_begin >= unread && m_bytes.size() - unread >= count) {
     std::copy(m_bytes.begin() + static_cast<std::ptrdiff_t>(m_begin),
@@ -32,6 +33,7 @@ void ReceiveBuffer::Commit(std::size_t count) {
 
 void ReceiveBuffer::Take(Bytes& bytes) {
   if (m_begin == m_end) {
+    Park();
     std::swap(m_bytes, bytes);
     m_begin = 0;
     m_end = m_bytes.size();
@@ -43,18 +45,25 @@ void ReceiveBuffer::Take(Bytes& bytes) {
   bytes.clear();
 }
 
-void ReceiveBuffer::Consume(std::size_t count) {
-  m_begin += count;
-  if (m_begin < m_end) return;
+void ReceiveBuffer::Rewind() {
   m_begin = 0;
   m_end = 0;
-  if (m_bytes.size() > kKeptBuffer) Clear();
+  if (m_bytes.size() > kKeptBuffer) m_bytes = Bytes();
+}
+
+// Moves what is unread away from the memory that is held.
+void ReceiveBuffer::Park() {
+  if (!m_held || !m_parked.empty()) return;
+  const BytesView unread = Unread();
+  m_parked = std::exchange(m_bytes, Bytes(unread.begin(), unread.end()));
+  m_end -= m_begin;
+  m_begin = 0;
 }
 
 void ReceiveBuffer::Clear() {
-  m_begin = 0;
-  m_end = 0;
-  if (m_bytes.capacity() > kKeptBuffer) m_bytes = Bytes();
+  m_begin = m_end;
+  Park();
+  Rewind();
 }
 
 }  // namespace quenmark::websocket

@@ -1,8 +1,8 @@
 // Received bytes to messages.
 //
-// A frame is taken out of the buffer before anything is done about it, and no view into the buffer is kept across an
-// event: handlers may receive more, close, or begin another connection. The pass looks at the state anew for every
-// frame.
+// A frame is taken out of the buffer before anything is done about it: handlers may receive more, close, or begin
+// another connection. What they were given stays, since the buffer is held meanwhile. The pass looks at the state anew
+// for every frame.
 #include "platform/code_page.h"
 #include "websocket/limits.h"
 #include "websocket/message_text.h"
@@ -18,8 +18,8 @@ namespace {
 constexpr std::chrono::milliseconds kPumpInterval{2000};
 constexpr std::string_view kWrongState = "Data Received, but websocket state is invalid for receiving data.";
 
-void AppendBytes(std::string& text, BytesView bytes) {
-  text.append(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+std::string_view AsText(BytesView bytes) {
+  return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
 
 BytesView AsBytes(std::string_view text) {
@@ -102,27 +102,33 @@ bool WebsocketState::TakeWholeFrame(const FrameHeader& header, std::size_t end) 
     m_received.Consume(end);
     return true;
   }
-  std::string data;
-  data.swap(m_spareMessage);
-  const BytesView payload = m_received.Unread().subspan(header.dataOffset, end - header.dataOffset);
   const bool isMessage = header.opcode == kText || header.opcode == kBinary;
-  const bool read = ReadMessage(payload, isMessage && header.rsv1, data);
+  const BytesView payload = m_received.Unread().subspan(header.dataOffset, end - header.dataOffset);
+  if (isMessage && header.rsv1 && useCompression) {
+    std::string data = std::exchange(m_spareMessage, {});
+    const bool inflated = Inflate(payload, data);
+    m_received.Consume(end);
+    return DeliverInflated(inflated, header.opcode, data);
+  }
+  const ReceiveBuffer::Hold hold(m_received);
+  if (hold.Holds()) {
+    m_received.Consume(end);
+    return Dispatch(header.opcode, AsText(payload));
+  }
+  const std::string copy(AsText(payload));
   m_received.Consume(end);
-  const bool goesOn = read ? Dispatch(header.opcode, data) : FailDelivery();
-  KeepSpare(data);
-  return goesOn;
+  return Dispatch(header.opcode, copy);
 }
 
-// The memory of a message is used again for the next one.
-void WebsocketState::KeepSpare(std::string& data) {
+bool WebsocketState::Inflate(BytesView payload, std::string& data) {
+  return m_compressor && DecompressMessage(*m_compressor, payload, data);
+}
+
+// The memory of the message is used again for the next one.
+bool WebsocketState::DeliverInflated(bool inflated, std::uint8_t opcode, std::string& data) {
+  const bool goesOn = inflated ? Dispatch(opcode, data) : FailDelivery();
   if (data.capacity() > m_spareMessage.capacity() && data.capacity() <= kKeptBuffer) m_spareMessage.swap(data);
-}
-
-// The payload as it is to be delivered. False when it does not inflate.
-bool WebsocketState::ReadMessage(BytesView payload, bool rsv1, std::string& data) {
-  if (rsv1 && useCompression) return m_compressor && DecompressMessage(*m_compressor, payload, data);
-  data.assign(reinterpret_cast<const char*>(payload.data()), payload.size());
-  return true;
+  return goesOn;
 }
 
 // The first frame of a message in fragments. It counts once two bytes follow it.
@@ -132,7 +138,7 @@ bool WebsocketState::BeginMessage(const FrameHeader& header, std::size_t end) {
   m_assembly.active = true;
   m_assembly.opcode = header.opcode;
   m_assembly.rsv1 = header.rsv1;
-  AppendBytes(m_assembly.payload, bytes.subspan(header.dataOffset, end - header.dataOffset));
+  m_assembly.payload += AsText(bytes.subspan(header.dataOffset, end - header.dataOffset));
   m_received.Consume(end);
   return header.fin ? FinishMessage() : true;
 }
@@ -145,30 +151,26 @@ bool WebsocketState::TakeFragment(const FrameHeader& header, std::size_t end) {
   const BytesView bytes = m_received.Unread();
   if (end > bytes.size()) return false;
   if (header.opcode == kPing || header.opcode == kPong) return TakeInterleaved(header, end);
-  AppendBytes(m_assembly.payload, bytes.subspan(header.dataOffset, end - header.dataOffset));
+  m_assembly.payload += AsText(bytes.subspan(header.dataOffset, end - header.dataOffset));
   m_received.Consume(end);
   return header.fin && header.opcode == kContinuation ? FinishMessage() : true;
 }
 
 bool WebsocketState::TakeInterleaved(const FrameHeader& header, std::size_t end) {
-  std::string data;
-  AppendBytes(data, m_received.Unread().subspan(header.dataOffset, end - header.dataOffset));
+  const std::string data(AsText(m_received.Unread().subspan(header.dataOffset, end - header.dataOffset)));
   m_received.Consume(end);
   return readyState == kStateClosing || Dispatch(header.opcode, data);
 }
 
 bool WebsocketState::FinishMessage() {
-  Assembly message = std::exchange(m_assembly, Assembly());
+  const Assembly message = std::exchange(m_assembly, Assembly());
   if (readyState == kStateClosing && message.opcode != kClose) return true;
   const bool isMessage = message.opcode == kText || message.opcode == kBinary;
   if (isMessage && message.rsv1 && useCompression) {
     std::string data = std::exchange(m_spareMessage, {});
-    if (!ReadMessage(AsBytes(message.payload), true, data)) return FailDelivery();
-    message.payload = std::move(data);
+    return DeliverInflated(Inflate(AsBytes(message.payload), data), message.opcode, data);
   }
-  const bool goesOn = Dispatch(message.opcode, message.payload);
-  KeepSpare(message.payload);
-  return goesOn;
+  return Dispatch(message.opcode, message.payload);
 }
 
 bool WebsocketState::FailDelivery() {
@@ -178,7 +180,8 @@ bool WebsocketState::FailDelivery() {
   return true;
 }
 
-bool WebsocketState::Dispatch(std::uint8_t opcode, std::string& data) {
+bool WebsocketState::Dispatch(std::uint8_t opcode, std::string_view data) {
+  std::string repaired;
   switch (opcode) {
     case kContinuation:
       readyState = kStateClosing;
@@ -190,12 +193,11 @@ bool WebsocketState::Dispatch(std::uint8_t opcode, std::string& data) {
       SendFrame(kFin | kPong, AsBytes(data));
       break;
     case kPong:
-      RepairUtf8(data);
-      Raise(m_events.OnPong, data);
+      Raise(m_events.OnPong, std::string(AsUtf8(data, repaired)));
       break;
     case kText:
-      RepairUtf8(data);
-      [[fallthrough]];
+      Raise(m_events.OnMessage, MessageData(AsUtf8(data, repaired)), std::int32_t{kText});
+      break;
     default:
       Raise(m_events.OnMessage, MessageData(data), std::int32_t{opcode});
   }
@@ -203,13 +205,13 @@ bool WebsocketState::Dispatch(std::uint8_t opcode, std::string& data) {
 }
 
 // The reason is text of one byte per character. No close frame is sent back.
-bool WebsocketState::HandleClose(const std::string& payload) {
+bool WebsocketState::HandleClose(std::string_view payload) {
   std::int32_t code = kNormalClosure;
   std::string reason;
   if (payload.size() >= 2) {
     const BytesView bytes = AsBytes(payload);
     code = static_cast<std::int16_t>(static_cast<std::uint16_t>(bytes[0] << 8 | bytes[1]));
-    reason = platform::FromWindows1252(std::string_view(payload).substr(2));
+    reason = platform::FromWindows1252(payload.substr(2));
   }
   if (reason.empty()) reason = CodeText(code);
   if (RaiseClose(code, reason)) CloseSocket();

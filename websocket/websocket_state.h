@@ -103,10 +103,10 @@ class WebsocketState : public std::enable_shared_from_this<WebsocketState> {
   bool TakeFragment(const FrameHeader& header, std::size_t end);
   bool TakeInterleaved(const FrameHeader& header, std::size_t end);
   bool FinishMessage();
-  bool ReadMessage(BytesView payload, bool rsv1, std::string& data);
-  bool Dispatch(std::uint8_t opcode, std::string& data);
-  void KeepSpare(std::string& data);
-  bool HandleClose(const std::string& payload);
+  bool Inflate(BytesView payload, std::string& data);
+  bool DeliverInflated(bool inflated, std::uint8_t opcode, std::string& data);
+  bool Dispatch(std::uint8_t opcode, std::string_view data);
+  bool HandleClose(std::string_view payload);
   bool FailDelivery();
   void ForgetReceived();
 
@@ -139,7 +139,7 @@ class WebsocketState : public std::enable_shared_from_this<WebsocketState> {
   std::unique_ptr<cZipArchive> m_compressor;
   ReceiveBuffer m_received;
   Assembly m_assembly;
-  std::string m_spareMessage;  // memory for the next message
+  std::string m_spareMessage;  // memory for the next message that is inflated
   Bytes m_spareFrame;          // memory for the next frame sent
 };
 

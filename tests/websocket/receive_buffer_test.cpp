@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <functional>
 #include <random>
 
 namespace quenmark::websocket {
@@ -47,6 +48,45 @@ TEST(ReceiveBuffer, TakesAWholeVectorOverAndHandsItsOwnBack) {
   Bytes second(500, 2);
   buffer.Take(second);
   EXPECT_EQ(second.data(), memory);
+}
+
+TEST(ReceiveBuffer, HeldBytesStayWhateverComesNext) {
+  const auto fill = [](ReceiveBuffer& buffer, std::size_t count) {
+    std::fill_n(buffer.Prepare(count).begin(), count, std::uint8_t{2});
+    buffer.Commit(count);
+  };
+  const std::function<void(ReceiveBuffer&)> nexts[] = {
+      [&](ReceiveBuffer& buffer) { fill(buffer, 100); },
+      [&](ReceiveBuffer& buffer) { fill(buffer, 100'000); },
+      [&](ReceiveBuffer& buffer) {
+        buffer.Consume(buffer.Size());
+        Bytes bytes(1000, 2);
+        buffer.Take(bytes);
+        std::fill(bytes.begin(), bytes.end(), std::uint8_t{3});
+      },
+      [&](ReceiveBuffer& buffer) {
+        buffer.Clear();
+        fill(buffer, 1000);
+      },
+  };
+  for (const auto& next : nexts) {
+    ReceiveBuffer buffer;
+    Bytes first(1000, 1);
+    buffer.Take(first);
+    const BytesView held = buffer.Unread().first(900);
+    {
+      const ReceiveBuffer::Hold hold(buffer);
+      EXPECT_TRUE(hold.Holds());
+      buffer.Consume(900);
+      for (int i = 0; i < 3; ++i) {
+        next(buffer);
+        EXPECT_FALSE(ReceiveBuffer::Hold(buffer).Holds());
+        EXPECT_EQ(std::count(held.begin(), held.end(), 1), 900);
+      }
+    }
+    EXPECT_EQ(std::count(buffer.Unread().begin(), buffer.Unread().end(), 3), 0);
+    EXPECT_TRUE(ReceiveBuffer::Hold(buffer).Holds());
+  }
 }
 
 TEST(ReceiveBuffer, GivesLargeMemoryBack) {
