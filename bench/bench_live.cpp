@@ -16,6 +16,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace quenmark::bench {
 namespace {
@@ -23,8 +24,20 @@ namespace {
 constexpr std::string_view kRecord = "SYM00000-346.29-2.66-340.64-349.05-337.72-23212592-1-1-20190101093000";
 constexpr std::string_view kApp = "Quenmark_Tradier_1_";
 
+constexpr std::size_t kSymbolLength = 8;
+
+std::string SymbolText(std::size_t number) {
+  return std::to_string(100000 + number).replace(0, 1, "SYM");
+}
+
+std::size_t SymbolNumber(std::string_view symbol) {
+  std::size_t number = 0;
+  for (const char digit : symbol.substr(3)) number = number * 10 + static_cast<std::size_t>(digit - '0');
+  return number;
+}
+
 // Knows one record for all symbols and takes what it is given.
-class NoStore final : public platform::SettingsStore {
+class NoStore : public platform::SettingsStore {
  public:
   explicit NoStore(std::string_view record = kRecord) : m_record(record) {}
 
@@ -146,24 +159,136 @@ void Handle(benchmark::State& state) {
 }
 BENCHMARK(Handle)->Arg(kQuote)->Arg(kTimesale)->Arg(kRepeated);
 
-void RapidJson(benchmark::State& state) {
+// RapidJSON at its best: its memory is on the stack.
+class JsonReader {
+ public:
+  bool Read(std::string_view text) {
+    Pool values(m_values.data(), m_values.size());
+    Pool stack(m_stack.data(), m_stack.size());
+    Document document(&values, 4096, &stack);
+    document.Parse(text.data(), text.size());
+    return !document.HasParseError() && document.MemberCount() > 0;
+  }
+
+ private:
   using Pool = rapidjson::MemoryPoolAllocator<>;
   using Document = rapidjson::GenericDocument<rapidjson::UTF8<>, Pool, Pool>;
+
+  std::array<char, 8192> m_values;
+  std::array<char, 8192> m_stack;
+};
+
+void RapidJson(benchmark::State& state) {
   state.SetLabel(kKindNames[static_cast<std::size_t>(state.range(0))]);
   EventText text(static_cast<int>(state.range(0)));
-  std::array<char, 8192> values;
-  std::array<char, 8192> stack;
+  JsonReader reader;
   for (auto unused : state) {
-    Pool valuePool(values.data(), values.size());
-    Pool stackPool(stack.data(), stack.size());
-    Document document(&valuePool, 4096, &stackPool);
-    const std::string_view event = text.Next(50);
-    document.Parse(event.data(), event.size());
-    if (document.HasParseError()) state.SkipWithError("no JSON");
-    benchmark::DoNotOptimize(document.MemberCount());
+    if (!reader.Read(text.Next(50))) state.SkipWithError("no JSON");
   }
 }
 BENCHMARK(RapidJson)->Arg(kQuote)->Arg(kTimesale);
+
+// A second of 50 symbols at 5,000 events a second, in the mix and the shapes of the provider, with the record of each
+// symbol: only its first trade of the second is written.
+class Market final {
+ public:
+  static constexpr std::size_t kEvents = 5000;
+  static constexpr std::size_t kSymbols = 50;
+
+  Market() {
+    std::uint32_t random = 1;
+    for (std::size_t i = 0; i < kEvents; ++i) {
+      random = random * 1664525 + 1013904223;
+      Add(random >> 16, 1557758874000 + static_cast<std::int64_t>(i) / 5);
+    }
+  }
+
+  std::vector<std::string> texts;
+
+ private:
+  void Add(std::uint32_t random, std::int64_t time) {
+    const std::string symbol = SymbolText(random % kSymbols);
+    const std::uint32_t price = 28200 + random / 7 % 100;
+    const std::string whole = std::to_string(price / 100) + "." + std::to_string(price % 100 + 100).substr(1);
+    const std::string stamp = std::to_string(time);
+    const std::string size = std::to_string(random % 900 + 1);
+    std::string& text = texts.emplace_back();
+    switch (random / 64 % 16) {
+      case 0:
+        text = R"({"type":"summary","symbol":")" + symbol + R"(","open":"281.10","high":"283.55","low":"280.06",)" +
+               R"("prevClose":"280.85"})";
+        break;
+      case 1:
+      case 2:
+      case 3:
+      case 4:
+        text = R"({"type":"trade","symbol":")" + symbol + R"(","exch":"J","price":")" + whole + R"(00","size":")" +
+               size + R"(","cvol":"27841277","date":")" + stamp + R"(","last":")" + whole + R"(00"})";
+        break;
+      case 5:
+      case 6:
+      case 7:
+      case 8:
+        text = R"({"type":"timesale","symbol":")" + symbol + R"(","exch":"Q","bid":"282.08","ask":"282.09","last":")" +
+               whole + R"(00","size":")" + size + R"(","date":")" + stamp +
+               R"(","seq":352795,"flag":"","cancel":false,"correction":false,"session":"normal"})";
+        break;
+      default:
+        text = R"({"type":"quote","symbol":")" + symbol + R"(","bid":)" + whole + R"(,"bidsz":)" + size +
+               R"(,"bidexch":"M","biddate":")" + stamp + R"(","ask":)" + whole +
+               R"(,"asksz":6,"askexch":"Z","askdate":")" + stamp + R"("})";
+    }
+  }
+};
+
+// Keeps the record of each symbol.
+class RecordStore final : public NoStore {
+ public:
+  explicit RecordStore(std::size_t symbols) {
+    for (std::size_t i = 0; i < symbols; ++i) m_records.push_back(std::string(kRecord).replace(0, 8, SymbolText(i)));
+  }
+  void Read(std::string_view application, std::string_view section, std::string_view key, std::string& value) override {
+    if (key.size() == kSymbolLength) {
+      value.assign(m_records[SymbolNumber(key)]);
+    } else {
+      NoStore::Read(application, section, key, value);
+    }
+  }
+  void SaveSetting(std::string_view, std::string_view, std::string_view key, std::string_view value) override {
+    bytes += value.size();
+    if (key.size() == kSymbolLength) m_records[SymbolNumber(key)].assign(value);
+  }
+
+ private:
+  std::vector<std::string> m_records;
+};
+
+void HandleMarket(benchmark::State& state) {
+  const Market market;
+  for (auto unused : state) {
+    state.PauseTiming();
+    RecordStore store(Market::kSymbols);
+    Bench bench(store);
+    bench.events.HandleStreamEvent(market.texts.front());
+    state.ResumeTiming();
+    for (const std::string& text : market.texts) bench.events.HandleStreamEvent(text);
+    if (store.bytes < Market::kEvents * 5) state.SkipWithError("wrong records");
+  }
+  state.SetItemsProcessed(static_cast<std::int64_t>(Market::kEvents) * static_cast<std::int64_t>(state.iterations()));
+}
+BENCHMARK(HandleMarket);
+
+void RapidJsonMarket(benchmark::State& state) {
+  const Market market;
+  JsonReader reader;
+  for (auto unused : state) {
+    for (const std::string& text : market.texts) {
+      if (!reader.Read(text)) state.SkipWithError("no JSON");
+    }
+  }
+  state.SetItemsProcessed(static_cast<std::int64_t>(Market::kEvents) * static_cast<std::int64_t>(state.iterations()));
+}
+BENCHMARK(RapidJsonMarket);
 
 // A quote and a timesale for each turn.
 void HandOver(benchmark::State& state) {
@@ -191,7 +316,7 @@ void HandleAndCommit(benchmark::State& state) {
   EventText timesale(kTimesale);
   std::string symbol;
   for (std::size_t i = 0; i < symbols; ++i) {
-    symbol = std::to_string(100000 + i).replace(0, 1, "SYM");
+    symbol = SymbolText(i);
     store->SaveSetting(kApp, providers::kFeederSection, symbol, std::string(kRecord).replace(0, 8, symbol));
     store->SaveSetting(kApp, providers::kFeederSection, symbol + "-pc", "337.32");
   }

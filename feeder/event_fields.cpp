@@ -2,6 +2,8 @@
 
 #include "providers/text_pieces.h"
 
+#include <algorithm>
+#include <bit>
 #include <cstdint>
 #include <cstring>
 #include <utility>
@@ -42,12 +44,27 @@ constexpr std::array<Candidates, 256> MakeCandidates() {
 }
 constexpr std::array<Candidates, 256> kByLastLetter = MakeCandidates();
 
-constexpr std::array<bool, 256> MakeEnds() {
-  std::array<bool, 256> table{};
-  for (const char end : {'"', ',', ' '}) table[static_cast<unsigned char>(end)] = true;
-  return table;
+static_assert(std::endian::native == std::endian::little);
+
+// The highest bit of each byte of the word that is `c`; bytes above the first one found may be wrong.
+constexpr std::uint64_t BytesThatAre(std::uint64_t word, char c) {
+  constexpr std::uint64_t kEach = 0x0101010101010101;
+  const std::uint64_t other = word ^ (kEach * static_cast<unsigned char>(c));
+  return (other - kEach) & ~other & (kEach << 7);
 }
-constexpr std::array<bool, 256> kEndsValue = MakeEnds();
+
+// The offset of the first double quote, comma or blank from `at` on; the size of the text when there is none.
+std::size_t EndOfValue(std::string_view text, std::size_t at) {
+  constexpr std::size_t kWord = sizeof(std::uint64_t);
+  for (; at + kWord <= text.size(); at += kWord) {
+    std::uint64_t word = 0;
+    std::memcpy(&word, text.data() + at, kWord);
+    const std::uint64_t ends = BytesThatAre(word, '"') | BytesThatAre(word, ',') | BytesThatAre(word, ' ');
+    if (ends != 0) return at + static_cast<std::size_t>(std::countr_zero(ends)) / 8;
+  }
+  while (at < text.size() && text[at] != '"' && text[at] != ',' && text[at] != ' ') ++at;
+  return at;
+}
 
 constexpr unsigned Bit(EventField field) {
   return 1u << field;
@@ -77,23 +94,21 @@ constexpr std::array kTimesaleLayout{Piece{R"({"type":"timesale","symbol":")", k
                                      Piece{R"(,"size":")", kSize, '"'},
                                      Piece{R"(,"date":")", kDate, '"'}};
 
+template <std::size_t kPieces>
+constexpr bool HasValue(const std::array<Piece, kPieces>& layout, std::size_t field) {
+  return std::any_of(layout.begin(), layout.end(), [field](const Piece& piece) { return piece.value == field; });
+}
+
 // Whether every piece is there, one after the other.
 template <std::size_t... kPieces, typename Follow>
-bool FollowAll(std::index_sequence<kPieces...>, Follow follow) {
+bool FollowAll(std::index_sequence<kPieces...> /*pieces*/, Follow follow) {
   return (follow.template operator()<kPieces>() && ...);
 }
 
 }  // namespace
 
 EventFields::EventFields(std::string_view event) : m_event(event) {
-  if (FollowQuote()) {
-    m_values[kType] = "quote";
-  } else if (FollowTimesale()) {
-    m_values[kType] = "timesale";
-  } else {
-    m_values = {};
-    Search();
-  }
+  if (!Follow<kQuoteLayout>("quote") && !Follow<kTimesaleLayout>("timesale")) Search();
 }
 
 // A value with a double quote or a blank in it is left to the search: the one could begin another field, the other
@@ -105,27 +120,28 @@ bool EventFields::FollowPiece(std::size_t& at) {
   if (m_event.size() - at < kLength || std::memcmp(m_event.data() + at, kExpected.text.data(), kLength) != 0)
     return false;
   const std::size_t begin = at + kLength;
-  std::size_t end = begin;
-  while (end < m_event.size() && !kEndsValue[static_cast<unsigned char>(m_event[end])]) ++end;
+  const std::size_t end = EndOfValue(m_event, begin);
   if (end == m_event.size() || m_event[end] != kExpected.end) return false;
-  if (kExpected.value != kEventFields) m_values[kExpected.value] = m_event.substr(begin, end - begin);
+  if (kExpected.value != kEventFields) Set(kExpected.value, m_event.substr(begin, end - begin));
   at = end + 1;
   return true;
 }
 
-bool EventFields::FollowQuote() {
+template <const auto& kLayout>
+bool EventFields::Follow(std::string_view type) {
   std::size_t at = 0;
-  return FollowAll(std::make_index_sequence<kQuoteLayout.size()>(),
-                   [&]<std::size_t kPiece>() { return FollowPiece<kQuoteLayout, kPiece>(at); });
-}
-
-bool EventFields::FollowTimesale() {
-  std::size_t at = 0;
-  return FollowAll(std::make_index_sequence<kTimesaleLayout.size()>(),
-                   [&]<std::size_t kPiece>() { return FollowPiece<kTimesaleLayout, kPiece>(at); });
+  const bool followed = FollowAll(std::make_index_sequence<kLayout.size()>(),
+                                  [&]<std::size_t kPiece>() { return FollowPiece<kLayout, kPiece>(at); });
+  if (!followed) return false;
+  Set(kType, type);
+  for (std::size_t field = kType + 1; field < kEventFields; ++field) {
+    if (!HasValue(kLayout, field)) m_values[field] = {};
+  }
+  return true;
 }
 
 void EventFields::Search() {
+  m_values.fill({});
   const std::string_view event = m_event;
   const char* const begin = event.data();
   const char* const end = begin + event.size();
@@ -160,12 +176,13 @@ void EventFields::Take(EventField field, std::size_t start) {
   m_found |= Bit(field);
   const std::size_t end = m_event.find(isText ? '"' : ',', start);
   if (end == std::string_view::npos) return;
-  m_values[field] = providers::Trimmed(m_event.substr(start, end - start));
+  const std::string_view value = providers::Trimmed(m_event.substr(start, end - start));
+  Set(field, value);
   if (field != kType) return;
   // What this type of event does not need is not looked for.
-  if (m_values[kType] == "quote") {
+  if (value == "quote") {
     m_wanted = kQuoteFieldBits;
-  } else if (m_values[kType] == "timesale") {
+  } else if (value == "timesale") {
     m_wanted = kTimesaleFieldBits;
   } else {
     m_wanted = 0;

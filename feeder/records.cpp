@@ -55,7 +55,7 @@ void WriteRefreshTime(providers::Context& context, std::string_view symbol) {
 }
 
 void AppendBook(std::string& text, const Book& book) {
-  text.append(book.bid).append("|").append(book.bidSize).append("@").append(book.ask).append("|").append(book.askSize);
+  providers::AppendPieces(text, {book.bid, "|", book.bidSize, "@", book.ask, "|", book.askSize});
 }
 
 void WriteBook(providers::Context& context, std::string_view symbol, const Book& book) {

@@ -14,9 +14,7 @@ namespace {
 
 void AssignUpper(std::string& upper, std::string_view text) {
   upper.assign(text);
-  for (char& c : upper) {
-    if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
-  }
+  for (char& c : upper) c = static_cast<char>(c - (c >= 'a' && c <= 'z' ? 'a' - 'A' : 0));
 }
 
 }  // namespace
@@ -51,12 +49,16 @@ void TradierEvents::ApplyTimesale(std::string_view last, std::string_view epochT
 bool TradierEvents::ReadStamp(std::string_view epochTime) {
   constexpr std::size_t kMillisecondDigits = 13;
   constexpr std::size_t kSecondDigits = 10;
-  const bool inMilliseconds =
-      epochTime.size() == kMillisecondDigits && epochTime.front() != '0' &&
-      std::all_of(epochTime.begin(), epochTime.end(), [](char c) { return c >= '0' && c <= '9'; });
-  const std::string_view second = inMilliseconds ? epochTime.substr(0, kSecondDigits) : std::string_view();
-  if (inMilliseconds && second == m_second && m_secondOffset == m_context.gmtOffsetMinutes) return true;
-  m_second.assign(second);
+  const auto isDigit = [](char c) { return c >= '0' && c <= '9'; };
+  const bool inMilliseconds = epochTime.size() == kMillisecondDigits;
+  if (inMilliseconds && epochTime.starts_with(m_second) && !m_second.empty() &&
+      m_secondOffset == m_context.gmtOffsetMinutes && isDigit(epochTime[10]) && isDigit(epochTime[11]) &&
+      isDigit(epochTime[12])) {
+    return true;
+  }
+  const bool isWhole =
+      inMilliseconds && epochTime.front() != '0' && std::all_of(epochTime.begin(), epochTime.end(), isDigit);
+  m_second.assign(isWhole ? epochTime.substr(0, kSecondDigits) : std::string_view());
   m_secondOffset = m_context.gmtOffsetMinutes;
   if (providers::UnixToStamp(epochTime, m_context.gmtOffsetMinutes, m_stamp)) return true;
   m_second.clear();
@@ -70,8 +72,8 @@ void TradierEvents::ReadRecord(std::string_view symbol) {
 // The trade at m_stamp into the record m_stored.
 void TradierEvents::Write(std::string_view last, std::string_view symbol, std::string_view size) {
   const auto price = platform::ParseNumber(last);
+  if (price ? m_stamp <= providers::AfterLast(m_stored, "-") : m_stored.empty()) return;
   const auto fields = SplitQuoteRecord(m_stored);
-  if (price ? m_stamp <= fields[kStamp] : m_stored.empty()) return;
   const double volume = platform::ReadNumber(size) + platform::ReadNumber(fields[kVolume]);
   // A "-" in a field would break the record.
   if (symbol.empty() || providers::Contains(symbol, "-") || volume < 0 || (price && *price < 0)) return;

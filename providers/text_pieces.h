@@ -1,6 +1,7 @@
 // Cutting and replacing in plain text.
 #pragma once
 
+#include <initializer_list>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -9,6 +10,11 @@ namespace quenmark::providers {
 
 inline bool Contains(std::string_view text, std::string_view part) {
   return text.find(part) != std::string_view::npos;
+}
+
+// Appends the pieces one after the other.
+inline void AppendPieces(std::string& text, std::initializer_list<std::string_view> pieces) {
+  for (const std::string_view piece : pieces) text.append(piece.data(), piece.size());
 }
 
 // Every occurrence replaced, once, from left to right; an empty `from` replaces nothing.
