@@ -2,6 +2,7 @@
 #include "feeder/main_form.h"
 #include "platform/files.h"
 #include "platform/instance_lock.h"
+#include "platform/program_code.h"
 #include "platform/run_time_error.h"
 #include "platform/sqlite_store.h"
 #include "platform/stop_signals.h"
@@ -9,12 +10,16 @@
 #include "tls/certificate_services.h"
 #include "websocket/tls_transport.h"
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 
 namespace {
 
 using namespace quenmark;
+
+// By then the connections stand and every kind of work has been done once.
+constexpr std::chrono::seconds kStartUpTime{10};
 
 int Run(platform::Log& log) {
   platform::SystemClock clock;
@@ -46,6 +51,7 @@ int Run(platform::Log& log) {
   const auto certificates = tls::MakeCertificateServices(loop);
   feeder::frmPBF form(context, websocket::MakeWebsocketServices(loop, certificates), certificates);
   form.Form_Load();
+  loop.CallAt(0, clock.Monotonic() + kStartUpTime, platform::UnmapUsedCode);
   loop.Run();
   return 0;
 }
