@@ -15,7 +15,7 @@ namespace quenmark::feeder {
 
 class NewsIcons {
  public:
-  static constexpr std::size_t kLargestIcon = 256 * 1024;  // bytes
+  static constexpr std::size_t kLargestIcon = std::size_t{256} * 1024;  // bytes
 
   // The context must outlive the icons.
   explicit NewsIcons(providers::Context& context);

@@ -3,6 +3,7 @@
 #include "feeder/event_fields.h"
 #include "feeder/quote_record.h"
 #include "feeder/records.h"
+#include "platform/code_page.h"
 #include "platform/number_text.h"
 #include "providers/dates.h"
 #include "providers/text_pieces.h"
@@ -14,7 +15,7 @@ namespace {
 
 void AssignUpper(std::string& upper, std::string_view text) {
   upper.assign(text);
-  for (char& c : upper) c = static_cast<char>(c - (c >= 'a' && c <= 'z' ? 'a' - 'A' : 0));
+  for (char& c : upper) c = platform::AsciiUpper(c);
 }
 
 }  // namespace

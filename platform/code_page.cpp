@@ -30,13 +30,6 @@ std::size_t AsciiRun(std::string_view text, std::size_t offset) {
   return offset - start;
 }
 
-char Lower(char c) {
-  return c >= 'A' && c <= 'Z' ? static_cast<char>(c + ('a' - 'A')) : c;
-}
-char Upper(char c) {
-  return c >= 'a' && c <= 'z' ? static_cast<char>(c - ('a' - 'A')) : c;
-}
-
 }  // namespace
 
 DecodedCharacter DecodeUtf8(std::string_view text, std::size_t offset) {
@@ -155,19 +148,19 @@ std::string SanitizeUtf8(std::string_view text) {
 
 std::string AsciiLower(std::string_view text) {
   std::string result(text);
-  std::transform(result.begin(), result.end(), result.begin(), Lower);
+  for (char& c : result) c = AsciiLower(c);
   return result;
 }
 
 std::string AsciiUpper(std::string_view text) {
   std::string result(text);
-  std::transform(result.begin(), result.end(), result.begin(), Upper);
+  for (char& c : result) c = AsciiUpper(c);
   return result;
 }
 
 bool EqualsIgnoreAsciiCase(std::string_view left, std::string_view right) {
   return std::equal(left.begin(), left.end(), right.begin(), right.end(),
-                    [](char a, char b) { return Lower(a) == Lower(b); });
+                    [](char a, char b) { return AsciiLower(a) == AsciiLower(b); });
 }
 
 }  // namespace quenmark::platform

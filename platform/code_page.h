@@ -34,6 +34,12 @@ void AppendUtf8(std::string& text, std::uint32_t codePoint);
 std::string SanitizeUtf8(std::string_view text);
 
 // A to Z only; other bytes stay.
+constexpr char AsciiLower(char c) {
+  return c >= 'A' && c <= 'Z' ? static_cast<char>(c + ('a' - 'A')) : c;
+}
+constexpr char AsciiUpper(char c) {
+  return c >= 'a' && c <= 'z' ? static_cast<char>(c - ('a' - 'A')) : c;
+}
 std::string AsciiLower(std::string_view text);
 std::string AsciiUpper(std::string_view text);
 bool EqualsIgnoreAsciiCase(std::string_view left, std::string_view right);

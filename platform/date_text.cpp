@@ -110,10 +110,6 @@ void AppendPadded(std::string& text, int value, std::size_t width) {
   text += digits;
 }
 
-char LowerLetter(char c) {
-  return c >= 'A' && c <= 'Z' ? static_cast<char>(c + ('a' - 'A')) : c;
-}
-
 constexpr std::string_view kHalfDayMark = "AM/PM";
 
 // Position of "AM/PM" in a pattern, npos when there is none.
@@ -134,9 +130,9 @@ class PatternFormatter {
         at += kHalfDayMark.size();
         continue;
       }
-      const char letter = LowerLetter(m_pattern[at]);
+      const char letter = AsciiLower(m_pattern[at]);
       std::size_t run = 1;
-      while (at + run < m_pattern.size() && LowerLetter(m_pattern[at + run]) == letter) ++run;
+      while (at + run < m_pattern.size() && AsciiLower(m_pattern[at + run]) == letter) ++run;
       at += AppendField(letter, run, m_pattern[at]);
     }
     return std::move(m_result);

@@ -1,5 +1,6 @@
 #include "platform/process_list.h"
 
+#include "platform/code_page.h"
 #include "platform/message_loop.h"
 
 #include <dirent.h>
@@ -32,10 +33,6 @@ using std::chrono::milliseconds;
 constexpr milliseconds kGrace{1000};  // between asking and killing, and from killing to giving up
 constexpr std::size_t kFirstWordLimit = 4096;
 constexpr std::string_view kReplaced = " (deleted)";  // the program file was replaced while the process runs
-
-char LowerAscii(char c) {
-  return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-}
 
 std::string_view LastPart(std::string_view path) {
   const std::size_t slash = path.find_last_of("/\\");
@@ -201,7 +198,7 @@ class SystemProcessList::Children {
 
 ProcessId FindProcess(const std::vector<ProcessEntry>& processes, std::string_view name) {
   if (name.empty()) return 0;
-  const auto same = [](char left, char right) { return LowerAscii(left) == LowerAscii(right); };
+  const auto same = [](char left, char right) { return AsciiLower(left) == AsciiLower(right); };
   for (const ProcessEntry& process : processes) {
     for (const std::string& candidate : process.names) {
       if (std::search(candidate.begin(), candidate.end(), name.begin(), name.end(), same) != candidate.end()) {

@@ -2,6 +2,7 @@
 
 #include <sys/mman.h>
 
+#include <bit>
 #include <cstdint>
 #include <fstream>
 #include <sstream>
@@ -24,7 +25,7 @@ void UnmapUsedCode() {
     std::uint64_t inode = 0;
     words >> std::hex >> begin >> dash >> end >> rights >> offset >> device >> std::dec >> inode;
     if (!words || rights != "r-xp" || inode == 0 || end <= begin) continue;
-    madvise(reinterpret_cast<void*>(begin), end - begin, MADV_DONTNEED);
+    madvise(std::bit_cast<void*>(begin), end - begin, MADV_DONTNEED);
   }
 }
 

@@ -1,5 +1,7 @@
 #include "platform/store_cache.h"
 
+#include "platform/code_page.h"
+
 #include <cstring>
 
 namespace quenmark::platform {
@@ -45,11 +47,7 @@ bool FoldedEqual::operator()(std::string_view left, std::string_view right) cons
 }
 
 std::string FoldName(std::string_view name) {
-  std::string folded(name);
-  for (char& letter : folded) {
-    if (letter >= 'A' && letter <= 'Z') letter = static_cast<char>(letter - 'A' + 'a');
-  }
-  return folded;
+  return AsciiLower(name);
 }
 
 CachedApplication& StoreCache::Application(std::string_view application) {

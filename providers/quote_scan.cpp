@@ -15,10 +15,6 @@ std::string_view Value(std::string_view object, std::string_view marker) {
   return GetBetween(object, marker, "\"");
 }
 
-char Lower(char c) {
-  return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-}
-
 // What changes the state of the scan; everything else is part of a run.
 bool IsStructural(char c) {
   return c == '"' || c == '{' || c == '}' || c == '\\' || c == '\n' || c == '\r';
@@ -40,13 +36,13 @@ void QuoteScan::Feed(std::string_view piece) {
     if (m_depth == 0) continue;
     const std::size_t before = m_object.size();
     m_object.append(piece.substr(start, position - start));
-    for (std::size_t i = before; i < m_object.size(); ++i) m_object[i] = Lower(m_object[i]);
+    for (std::size_t i = before; i < m_object.size(); ++i) m_object[i] = platform::AsciiLower(m_object[i]);
     if (m_object.size() > kLargestObject) Drop();
   }
 }
 
 void QuoteScan::Take(char c) {
-  if (m_depth > 0) m_object += Lower(c);
+  if (m_depth > 0) m_object += platform::AsciiLower(c);
   if (m_object.size() > kLargestObject) {
     Drop();
   } else if (m_escaped) {

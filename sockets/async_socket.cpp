@@ -149,7 +149,7 @@ bool cAsyncSocket::Close_() {
 
 bool cAsyncSocket::Accept(std::shared_ptr<cAsyncSocket>& connectedSocket, std::string_view socketAddress,
                           std::int32_t socketPort) {
-  const Keep keep(shared_from_this());
+  const Keep keep(*this);
   InetAddress address;
   if (socketPort != 0 && !pvToAddress(socketAddress, socketPort, true, address)) return false;
   if (!pvHasHandle()) return false;
@@ -167,7 +167,7 @@ bool cAsyncSocket::Accept(std::shared_ptr<cAsyncSocket>& connectedSocket, std::s
 }
 
 bool cAsyncSocket::Bind(std::string_view socketAddress, std::int32_t socketPort) {
-  const Keep keep(shared_from_this());
+  const Keep keep(*this);
   InetAddress address;
   if (!pvHasHandle() || !pvToAddress(socketAddress, socketPort, true, address)) return false;
   return pvResult(m_helper->Api().Bind(m_handle, address));
@@ -232,7 +232,7 @@ bool cAsyncSocket::pvToAddress(std::string_view hostAddress, std::int32_t port, 
 
 // Waits for the lookup while messages run; the socket may be closed meanwhile.
 bool cAsyncSocket::pvLookUp(std::string_view name, InetAddress& address) {
-  const Keep keep(shared_from_this());
+  const Keep keep(*this);
   const std::uint64_t generation = m_generation;
   platform::MessageLoop& loop = m_helper->Loop();
   platform::HostEntry host;

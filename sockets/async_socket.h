@@ -12,6 +12,7 @@
 #include "platform/adapters.h"
 #include "platform/code_page_convert.h"
 #include "platform/host_resolver.h"
+#include "platform/keep.h"
 #include "platform/message_loop.h"
 #include "platform/socket_api.h"
 #include "platform/socket_notifier.h"
@@ -159,17 +160,8 @@ class cAsyncSocket : public std::enable_shared_from_this<cAsyncSocket> {
     Wait* outer = nullptr;
   };
 
-  // Holds the socket while its own code runs above handlers that may drop it.
-  class Keep {
-   public:
-    explicit Keep(std::shared_ptr<cAsyncSocket> socket) : m_socket(std::move(socket)) { ++m_socket->m_keeps; }
-    ~Keep() { --m_socket->m_keeps; }
-    Keep(const Keep&) = delete;
-    Keep& operator=(const Keep&) = delete;
-
-   private:
-    std::shared_ptr<cAsyncSocket> m_socket;
-  };
+  using Keep = platform::Keep<cAsyncSocket>;
+  friend Keep;
 
   // Results
   bool pvSucceed();

@@ -32,7 +32,7 @@ void cAsyncSocket::pvOnNotification(std::shared_ptr<cAsyncSocket> socket, const 
 }
 
 void cAsyncSocket::pvDispatch(std::int32_t lParam) {
-  const Keep keep(shared_from_this());
+  const Keep keep(*this);
   const std::uint64_t generation = m_generation;
   const std::int32_t event = lParam & 0xFFFF;
   const std::int32_t error = (lParam >> 16) & 0xFFFF;
@@ -110,7 +110,7 @@ void cAsyncSocket::pvKeepForLater(const NotifyRecord& record) {
 }
 
 void cAsyncSocket::SyncProcessMsgQueue() {
-  const Keep keep(shared_from_this());
+  const Keep keep(*this);
   const std::uint64_t generation = m_generation;
   while (!m_pendingEvents.empty() && !pvClosedSince(generation)) {
     const NotifyRecord record = m_pendingEvents.front();
@@ -122,7 +122,7 @@ void cAsyncSocket::SyncProcessMsgQueue() {
 bool cAsyncSocket::SyncWaitForEvent(std::int32_t timeout, std::int32_t eventMask) {
   if ((eventMask & kResolved) != 0 && !HasPendingResolve()) return pvSucceed();
   if (!pvHasHandle()) return false;
-  const Keep keep(shared_from_this());
+  const Keep keep(*this);
   platform::MessageLoop& loop = m_helper->Loop();
   const platform::MessageLoop::OutsideWork outside(loop);
   const platform::MessageLoop::MainTickPause pause(loop);

@@ -132,14 +132,14 @@ std::int32_t cAsyncSocket::pvElapsed(platform::MonotonicTime since) {
 }
 
 bool cAsyncSocket::SyncConnect(std::string_view hostAddress, std::int32_t hostPort, std::int32_t timeout) {
-  const Keep keep(shared_from_this());
+  const Keep keep(*this);
   return Connect(hostAddress, hostPort) &&
          SyncWaitForEvent(timeout == 0 ? kDefaultTimeout : timeout, platform::kFdConnect);
 }
 
 bool cAsyncSocket::SyncReceiveArray(std::vector<std::uint8_t>& buffer, std::int32_t needLen, std::int32_t timeout,
                                     std::string* hostAddress, std::int32_t* hostPort, std::int32_t flags) {
-  const Keep keep(shared_from_this());
+  const Keep keep(*this);
   buffer.clear();
   if (!pvHasHandle()) return false;
   timeout = pvTimeout(timeout, platform::kSoReceiveTimeout);
@@ -170,7 +170,7 @@ bool cAsyncSocket::SyncReceiveArray(std::vector<std::uint8_t>& buffer, std::int3
 
 std::string cAsyncSocket::SyncReceiveText(std::int32_t needLen, std::int32_t timeout, std::string* hostAddress,
                                           std::int32_t* hostPort, std::int32_t codePage) {
-  const Keep keep(shared_from_this());
+  const Keep keep(*this);
   if (!pvHasHandle()) return {};
   timeout = pvTimeout(timeout, platform::kSoReceiveTimeout);
   const platform::MonotonicTime start = m_helper->Loop().TheClock().Monotonic();
@@ -198,7 +198,7 @@ std::string cAsyncSocket::SyncReceiveText(std::int32_t needLen, std::int32_t tim
 
 bool cAsyncSocket::SyncReceive(std::span<std::uint8_t> buffer, std::int32_t& received, std::int32_t timeout,
                                std::string* hostAddress, std::int32_t* hostPort, std::int32_t flags) {
-  const Keep keep(shared_from_this());
+  const Keep keep(*this);
   received = 0;
   if (!pvHasHandle()) return false;
   timeout = pvTimeout(timeout, platform::kSoReceiveTimeout);
@@ -213,7 +213,7 @@ bool cAsyncSocket::SyncReceive(std::span<std::uint8_t> buffer, std::int32_t& rec
 
 bool cAsyncSocket::SyncSend(std::span<const std::uint8_t> data, std::int32_t timeout, std::string_view hostAddress,
                             std::int32_t hostPort, std::int32_t flags) {
-  const Keep keep(shared_from_this());
+  const Keep keep(*this);
   std::optional<InetAddress> destination;
   if (!pvHasHandle() || !pvDestination(hostAddress, hostPort, destination)) return false;
   timeout = pvTimeout(timeout, platform::kSoSendTimeout);

@@ -3,7 +3,6 @@
 
 #include "platform/run_time_error.h"
 #include "platform/winsock_errors.h"
-#include "sockets/ctx_winsock_keep.h"
 
 #include <fmt/format.h>
 

@@ -9,6 +9,7 @@
 // waits no DataArrival of this control is raised; what is left afterwards raises one.
 #pragma once
 
+#include "platform/keep.h"
 #include "platform/message_loop.h"
 #include "sockets/property_bag.h"
 #include "tls/tls_socket.h"
@@ -18,6 +19,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <variant>
 #include <vector>
 
@@ -123,7 +125,8 @@ class ctxWinsock : public std::enable_shared_from_this<ctxWinsock>, private tls:
   void Close_();
 
  private:
-  class Keep;
+  using Keep = platform::Keep<ctxWinsock>;
+  friend Keep;
   struct IncomingSlot;
   struct Fault {
     std::int32_t number = 0;
@@ -142,7 +145,10 @@ class ctxWinsock : public std::enable_shared_from_this<ctxWinsock>, private tls:
   void OnError(tls::cTlsSocket& socket, std::int32_t errorCode, std::int32_t eventMask) override;
 
   template <typename... Parameters, typename... Arguments>
-  void pvRaise(std::function<void(Parameters...)> WinsockEvents::*event, Arguments&&... arguments);
+  void pvRaise(std::function<void(Parameters...)> WinsockEvents::*event, Arguments&&... arguments) {
+    const std::shared_ptr<const WinsockEvents> events = m_events;
+    if (events != nullptr && (*events).*event) ((*events).*event)(std::forward<Arguments>(arguments)...);
+  }
   // Another socket, or dropped by the owner. Needs a Keep.
   bool pvGoneSince(std::uint64_t generation) const;
 

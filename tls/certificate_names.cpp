@@ -1,5 +1,6 @@
 #include "tls/certificate_names.h"
 
+#include "platform/code_page.h"
 #include "tls/certificate_library.h"
 
 #include <algorithm>
@@ -9,14 +10,6 @@ namespace quenmark::tls {
 namespace {
 
 using GeneralNames = std::unique_ptr<GENERAL_NAMES, detail::Free<GENERAL_NAMES_free>>;
-
-std::string LowerCase(std::string_view text) {
-  std::string lower(text);
-  for (char& c : lower) {
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-  }
-  return lower;
-}
 
 // "*" matches any run of characters, everything else itself.
 bool MatchesPattern(std::string_view text, std::string_view pattern) {
@@ -49,8 +42,8 @@ bool IsAddress(std::string_view host) {
 
 bool CoversHost(std::string_view dnsName, std::string_view host) {
   if (host.empty() || IsAddress(host)) return false;
-  const std::string entry = LowerCase(dnsName);
-  const std::string name = LowerCase(host);
+  const std::string entry = platform::AsciiLower(dnsName);
+  const std::string name = platform::AsciiLower(host);
   if (entry.empty() || entry.front() != '*') return entry == name || entry == "www." + name;
   return MatchesPattern(name, entry) && !MatchesPattern(name, "*." + entry);
 }

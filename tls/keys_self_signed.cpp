@@ -1,3 +1,4 @@
+#include "platform/code_page.h"
 #include "platform/files.h"
 #include "platform/socket_api.h"
 #include "tls/certificate_library.h"
@@ -31,10 +32,7 @@ std::string Quoted(std::string_view text) {
 std::string ComputerName() {
   std::string name = Environment("COMPUTERNAME");
   if (name.empty()) platform::SystemSocketApi().HostName(name);
-  for (char& c : name) {
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-  }
-  return name;
+  return platform::AsciiLower(name);
 }
 
 struct NamePart {

@@ -2,7 +2,6 @@
 #include "tls/tls_socket.h"
 
 #include "platform/winsock_errors.h"
-#include "tls/tls_socket_keep.h"
 
 #include <utility>
 

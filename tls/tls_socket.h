@@ -9,6 +9,7 @@
 // raised during the wait.
 #pragma once
 
+#include "platform/keep.h"
 #include "sockets/async_socket.h"
 #include "tls/engine.h"
 #include "tls/peer_validation.h"
@@ -166,7 +167,8 @@ class cTlsSocket : public std::enable_shared_from_this<cTlsSocket>,
   bool SyncWaitForEvent(std::int32_t timeout, std::int32_t eventMask);
 
  private:
-  class Keep;
+  using Keep = platform::Keep<cTlsSocket>;
+  friend Keep;
   // Asks whoever answers for client certificates.
   struct CertificatePrompt final : ClientCertificateOwner {
     explicit CertificatePrompt(cTlsSocket& owner) : socket(owner) {}

@@ -1,7 +1,6 @@
 // The transport's events to the owner's, and the read pass that turns records into plaintext.
 #include "platform/winsock_errors.h"
 #include "tls/tls_socket.h"
-#include "tls/tls_socket_keep.h"
 
 #include <utility>
 

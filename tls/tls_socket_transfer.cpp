@@ -2,7 +2,6 @@
 #include "platform/code_page.h"
 #include "platform/winsock_errors.h"
 #include "tls/tls_socket.h"
-#include "tls/tls_socket_keep.h"
 
 #include <algorithm>
 #include <chrono>

@@ -1,17 +1,13 @@
 #include "websocket/header_text.h"
 
+#include "platform/code_page.h"
+
 #include <algorithm>
 #include <charconv>
 
 namespace quenmark::websocket {
 
-namespace {
-
-char Lower(char c) {
-  return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-}
-
-}  // namespace
+namespace {}  // namespace
 
 std::string_view Trim(std::string_view text) {
   constexpr std::string_view kBlanks = " \t";
@@ -35,8 +31,9 @@ std::optional<std::int32_t> ParseNumber(std::string_view text) {
 
 std::size_t FindIgnoreCase(std::string_view text, std::string_view wanted, std::size_t from) {
   if (from > text.size()) return std::string_view::npos;
-  const auto found = std::search(text.begin() + static_cast<std::ptrdiff_t>(from), text.end(), wanted.begin(),
-                                 wanted.end(), [](char a, char b) { return Lower(a) == Lower(b); });
+  const auto found =
+      std::search(text.begin() + static_cast<std::ptrdiff_t>(from), text.end(), wanted.begin(), wanted.end(),
+                  [](char a, char b) { return platform::AsciiLower(a) == platform::AsciiLower(b); });
   if (found == text.end() && !wanted.empty()) return std::string_view::npos;
   return static_cast<std::size_t>(found - text.begin());
 }
