@@ -93,7 +93,7 @@ void NewsFeed::StoreItems(const std::string& body) {
 std::string NewsFeed::StoreItem(const JsonValue& item) {
   const std::string id = item.At("ts_id").Text();
   const std::string time = item.At("datetime").Text();
-  const std::string section = time + "_" + id;
+  std::string section = time + "_" + id;
   // A comma would make two entries of it in the list.
   if (id.empty() || time.empty() || providers::Contains(section, ",")) return {};
   auto& store = m_context.store;

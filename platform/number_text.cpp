@@ -93,7 +93,8 @@ class DigitText {
     constexpr std::int64_t kScale = 10'000;
     constexpr double kLargest = 1e10;
     if (value > kLargest) return false;
-    const auto scaled = static_cast<std::int64_t>(value * kScale + 0.5);
+    auto scaled = static_cast<std::int64_t>(value * kScale);  // or one more, as the product was rounded
+    if (static_cast<double>(scaled) / kScale != value) ++scaled;
     if (static_cast<double>(scaled) / kScale != value) return false;
     char* end = std::to_chars(Begin(), Limit(), scaled / kScale).ptr;
     std::int64_t fraction = scaled % kScale;

@@ -6,7 +6,7 @@ namespace quenmark::simulator {
 
 std::string EventSessions::Issue(const std::string& user, std::int64_t now) {
   if (m_sessions.size() >= kMostUsers && !m_sessions.contains(user)) m_sessions.clear();
-  const std::string id = fmt::format("c8638963-a6d4-4fb9-9bc6-{:012x}", ++m_issued);
+  std::string id = fmt::format("c8638963-a6d4-4fb9-9bc6-{:012x}", ++m_issued);
   m_sessions[user] = {id, now + m_life, 0};
   return id;
 }

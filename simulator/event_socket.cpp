@@ -25,7 +25,7 @@ using boost::system::error_code;
 using Clock = std::chrono::steady_clock;
 
 constexpr std::size_t kReceiveLimit = 1'048'576;                   // bytes of a client's message
-constexpr std::size_t kGathered = 128 * 1024;                      // bytes of records that go out with one send
+constexpr std::size_t kGathered = std::size_t{128} << 10;          // bytes of records that go out with one send
 constexpr std::chrono::microseconds kLeastPause{200};              // between two rounds at a rate
 constexpr std::chrono::milliseconds kIdlePause{10};                // while nothing moves
 constexpr std::chrono::milliseconds kLinger{2'000};                // for the client's close frame

@@ -15,7 +15,7 @@ namespace {
 namespace asio = boost::asio;
 using boost::system::error_code;
 
-constexpr std::size_t kInputSize = 16 * 1024;
+constexpr std::size_t kInputSize = std::size_t{16} << 10;
 
 }  // namespace
 

@@ -20,7 +20,7 @@ using tls::cTlsSocket;
 namespace {
 
 constexpr std::int32_t kUnsupported = static_cast<std::int32_t>(0x80040000);
-constexpr std::size_t kWorthCompacting = 256 * 1024;  // bytes sent in front of what waits
+constexpr std::size_t kWorthCompacting = std::size_t{256} << 10;  // bytes sent in front of what waits
 constexpr std::int64_t kLargestCount = std::numeric_limits<std::int32_t>::max();
 
 struct DataType {

@@ -12,11 +12,11 @@ namespace {
 
 constexpr std::string_view kAlphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
-constexpr std::array<std::int8_t, 256> DecodingTable() {
-  std::array<std::int8_t, 256> table{};
+constexpr std::array<std::int16_t, 256> DecodingTable() {
+  std::array<std::int16_t, 256> table{};
   table.fill(-1);
   for (std::size_t i = 0; i < kAlphabet.size(); ++i) {
-    table[static_cast<std::uint8_t>(kAlphabet[i])] = static_cast<std::int8_t>(i);
+    table[static_cast<std::uint8_t>(kAlphabet[i])] = static_cast<std::int16_t>(i);
   }
   return table;
 }

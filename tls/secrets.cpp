@@ -15,12 +15,12 @@ constexpr std::size_t kMasterSecretSize = 48;
 constexpr std::size_t kVerifyDataSize = 12;
 constexpr std::size_t kPreMasterSize = 48;
 
-Protection FromTrafficSecret(Context& context, const CipherSuite& suite, SecretBytes secret, CipherUse use) {
+Protection FromTrafficSecret(Context& context, const CipherSuite& suite, const SecretBytes& secret, CipherUse use) {
   Protection protection;
   const TrafficKeys keys = DeriveTrafficKeys(suite, secret.View());
   protection.suite = &suite;
   protection.version = kVersionTls13;
-  protection.trafficSecret = std::move(secret);
+  protection.trafficSecret = secret;
   std::copy(keys.iv.View().begin(), keys.iv.View().end(), protection.iv.begin());
   protection.cipher = context.services->MakeCipher(suite.bulk, keys.key.View(), use);
   return protection;
@@ -114,10 +114,10 @@ void DeriveHandshakeSecrets(Context& context) {
   const SecretBytes shared = pvTlsGetSharedSecret(context, handshake.group->exchange);
   handshake.handshakeSecret = HandshakeSecret(suite.digest, shared.View());
   const DigestValue digest = handshake.transcript.Current();
-  TrafficSecrets secrets = DeriveTrafficSecrets(context, suite.digest, handshake.handshakeSecret.View(), "c hs traffic",
-                                                "s hs traffic", digest.View());
-  context.remote = FromTrafficSecret(context, suite, std::move(secrets.remote), CipherUse::kDecrypt);
-  context.local = FromTrafficSecret(context, suite, std::move(secrets.local), CipherUse::kEncrypt);
+  const TrafficSecrets secrets = DeriveTrafficSecrets(context, suite.digest, handshake.handshakeSecret.View(),
+                                                      "c hs traffic", "s hs traffic", digest.View());
+  context.remote = FromTrafficSecret(context, suite, secrets.remote, CipherUse::kDecrypt);
+  context.local = FromTrafficSecret(context, suite, secrets.local, CipherUse::kEncrypt);
 }
 
 ApplicationSecrets DeriveApplicationSecrets(Context& context, BytesView transcriptDigest) {
@@ -125,10 +125,10 @@ ApplicationSecrets DeriveApplicationSecrets(Context& context, BytesView transcri
   RequireTranscript(handshake, "pvTlsDeriveApplicationSecrets");
   const CipherSuite& suite = *handshake.suite;
   handshake.masterSecret = MasterSecret(suite.digest, handshake.handshakeSecret.View());
-  TrafficSecrets secrets = DeriveTrafficSecrets(context, suite.digest, handshake.masterSecret.View(), "c ap traffic",
-                                                "s ap traffic", transcriptDigest);
-  return {FromTrafficSecret(context, suite, std::move(secrets.local), CipherUse::kEncrypt),
-          FromTrafficSecret(context, suite, std::move(secrets.remote), CipherUse::kDecrypt)};
+  const TrafficSecrets secrets = DeriveTrafficSecrets(context, suite.digest, handshake.masterSecret.View(),
+                                                      "c ap traffic", "s ap traffic", transcriptDigest);
+  return {FromTrafficSecret(context, suite, secrets.local, CipherUse::kEncrypt),
+          FromTrafficSecret(context, suite, secrets.remote, CipherUse::kDecrypt)};
 }
 
 void pvTlsDeriveKeyUpdate(Context& context, bool updateRemote, bool updateLocal) {
@@ -137,9 +137,9 @@ void pvTlsDeriveKeyUpdate(Context& context, bool updateRemote, bool updateLocal)
       throw RaisedError{fmt::format("Missing previous {}", name), "pvTlsDeriveKeyUpdate"};
     }
     const CipherSuite& suite = *protection.suite;
-    SecretBytes next =
+    const SecretBytes next =
         HkdfExpandLabel(suite.digest, protection.trafficSecret.View(), "traffic upd", {}, DigestSize(suite.digest));
-    protection = FromTrafficSecret(context, suite, std::move(next), use);
+    protection = FromTrafficSecret(context, suite, next, use);
   };
   if (updateRemote) update(context.remote, CipherUse::kDecrypt, "RemoteTrafficSecret");
   if (updateLocal) update(context.local, CipherUse::kEncrypt, "LocalTrafficSecret");

@@ -17,10 +17,10 @@ using platform::MonotonicTime;
 
 namespace {
 
-constexpr std::int32_t kDefaultTimeout = 5000;          // ms
-constexpr std::size_t kSmallestSendBuffer = 4096;       // bytes; no socket has less room
-constexpr std::size_t kWorthCompacting = 256 * 1024;    // bytes sent in front of what waits
-constexpr std::size_t kKeptCapacity = 4 * 1024 * 1024;  // bytes of output buffer that outlive their use
+constexpr std::int32_t kDefaultTimeout = 5000;                    // ms
+constexpr std::size_t kSmallestSendBuffer = 4096;                 // bytes; no socket has less room
+constexpr std::size_t kWorthCompacting = std::size_t{256} << 10;  // bytes sent in front of what waits
+constexpr std::size_t kKeptCapacity = std::size_t{4} << 20;       // bytes of output buffer that outlive their use
 
 }  // namespace
 

@@ -173,7 +173,7 @@ TransportFactory MakeTlsTransportFactory(platform::MessageLoop& loop,
                                          std::string rootsFile) {
   return [&loop, certificates = std::move(certificates),
           rootsFile = std::move(rootsFile)](std::weak_ptr<TransportEvents> events) {
-    const auto transport = std::make_shared<TlsTransport>(loop, certificates, rootsFile, std::move(events));
+    auto transport = std::make_shared<TlsTransport>(loop, certificates, rootsFile, std::move(events));
     transport->ListenTo(transport);
     return transport;
   };
