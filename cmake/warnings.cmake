@@ -31,10 +31,13 @@ endfunction()
 function(plain_program target)
   if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     target_compile_options(${target} PRIVATE -fno-lto)
-    if(CMAKE_BUILD_TYPE STREQUAL "Release" OR QUENMARK_SANITIZE)
-      # The code under test is optimised, the tests are quick to build.
-      target_compile_options(${target} PRIVATE -O0)
-    endif()
     target_link_options(${target} PRIVATE -fno-lto)
+  endif()
+endfunction()
+
+# quick_to_build(TARGET): does not optimise TARGET, which serves the tests; the code under test is optimised.
+function(quick_to_build target)
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND (CMAKE_BUILD_TYPE STREQUAL "Release" OR QUENMARK_SANITIZE))
+    target_compile_options(${target} PRIVATE -O0)
   endif()
 endfunction()
