@@ -35,9 +35,13 @@ function(plain_program target)
   endif()
 endfunction()
 
-# quick_to_build(TARGET): does not optimise TARGET, which serves the tests; the code under test is optimised.
+# quick_to_build(TARGET): neither optimises TARGET, which serves the tests, nor checks it for undefined behaviour; the code
+# under test is built in full.
 function(quick_to_build target)
   if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND (CMAKE_BUILD_TYPE STREQUAL "Release" OR QUENMARK_SANITIZE))
     target_compile_options(${target} PRIVATE -O0)
+    if(QUENMARK_SANITIZE)
+      target_compile_options(${target} PRIVATE -fno-sanitize=undefined)
+    endif()
   endif()
 endfunction()
