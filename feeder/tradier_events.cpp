@@ -13,6 +13,10 @@
 namespace quenmark::feeder {
 namespace {
 
+// In bytes; no provider comes near them. What is kept between events stays small so.
+constexpr std::size_t kLongestSymbol = 4096;
+constexpr std::size_t kLongestBook = 4096;
+
 void AssignUpper(std::string& upper, std::string_view text) {
   upper.assign(text);
   for (char& c : upper) c = platform::AsciiUpper(c);
@@ -22,8 +26,11 @@ void AssignUpper(std::string& upper, std::string_view text) {
 
 void TradierEvents::HandleStreamEvent(std::string_view event) {
   const EventFields fields(event);
-  if (fields[kName].empty()) return;
+  if (fields[kName].empty() || fields[kName].size() > kLongestSymbol) return;
   if (fields[kType] == "quote") {
+    const std::size_t book =
+        fields[kBid].size() + fields[kBidSize].size() + fields[kAsk].size() + fields[kAskSize].size();
+    if (book > kLongestBook) return;
     AssignUpper(m_symbol, fields[kName]);
     m_key.assign(m_symbol).append(kBookEnding);
     m_record.clear();

@@ -32,6 +32,15 @@ bool ContainsByLetter(std::string_view text, std::string_view part, std::size_t 
 constexpr std::string_view kNoSession = "session not found";
 constexpr std::string_view kError = R"("error")";
 
+// A flag that is set as long as it lives.
+struct Mark {
+  explicit Mark(bool& inside) : flag(inside) { flag = true; }
+  ~Mark() { flag = false; }
+  Mark(const Mark&) = delete;
+  Mark& operator=(const Mark&) = delete;
+  bool& flag;
+};
+
 }  // namespace
 
 TradierStream::TradierStream(providers::Context& context, const providers::OpenSymbols& open, std::string& subscribed,
@@ -68,8 +77,13 @@ bool TradierStream::IsOpenOrConnect() {
 }
 
 void TradierStream::FollowCharts() {
-  if (m_open.Text() == m_subscribed) return;
-  if (m_ws.readyState() != websocket::kStateOpen) {
+  const bool open = m_ws.readyState() == websocket::kStateOpen;
+  if (m_open.Text() == m_subscribed) {
+    // With the last chart gone there is nothing to subscribe, but the connection is back all the same.
+    if (open) m_closeTimer.SetEnabled(false);
+    return;
+  }
+  if (!open) {
     if (m_context.sandboxMarker.empty()) m_closeTimer.SetEnabled(true);
     return;
   }
@@ -95,16 +109,16 @@ void TradierStream::SubscribeSymbols() {
 
 void TradierStream::CreateSession() {
   // The message that the stored session is not known can come while another one is being asked for.
-  if (std::exchange(m_creatingSession, true)) return;
+  if (m_creatingSession) return;
   // A tick would take the mark in the store for a missing session and ask again.
   const platform::MessageLoop::MainTickPause pause(m_context.loop);
+  const Mark creating(m_creatingSession);
   const std::string answer = providers::ApiRequest(m_context, "markets/events/session");
-  m_creatingSession = false;
   std::string_view id;
   if (!providers::RequestFailed(answer)) id = GetBetween(answer, R"("sessionid":")", "\"");
   if (id.empty()) m_context.EndProgram("no streaming session could be created");
   m_context.sessionId = id;
-  m_context.store.SaveSetting(providers::kConfigurationApp, providers::kApiSection, "SID", id);
+  IgnoreErrors([&] { m_context.store.SaveSetting(providers::kConfigurationApp, providers::kApiSection, "SID", id); });
 }
 
 void TradierStream::OnMessage(std::string_view text) {

@@ -22,6 +22,7 @@ using std::chrono::milliseconds;
 
 constexpr std::size_t kReadyBatch = 64;       // descriptors taken from the kernel at once
 constexpr std::size_t kMessagesPerLook = 64;  // messages in a row before the descriptors get a look
+constexpr milliseconds kTimerPatience{250};   // a timer so long overdue no longer stands back behind messages
 constexpr std::size_t kCallsPerLook = 64;     // a call may set itself again for the same moment
 constexpr std::size_t kRunQueuedLimit = 10'000;
 constexpr milliseconds kLongestWait = std::chrono::hours{1};
@@ -197,12 +198,15 @@ struct MessageLoop::State {
     if (queue.Find(message, matches, remove)) return true;
     looked |= Look(milliseconds{0});
     if (queue.Find(message, matches, remove)) return true;
-    const MonotonicTime now = clock.Monotonic();
-    const std::uint64_t timer = DueTimer(filter, std::min(now, timersUntil));
+    return TakeTimer(message, filter, remove, std::min(clock.Monotonic(), timersUntil));
+  }
+  // The same for a timer that was due at `until`.
+  bool TakeTimer(Message& message, const MessageFilter& filter, bool remove, MonotonicTime until) {
+    const std::uint64_t timer = DueTimer(filter, until);
     if (timer == 0) return false;
     const TimerEntry& entry = *timers.Find(timer);
     message = {entry.window, kMessageTimer, entry.id, 0};
-    if (remove) Advance(timer, now);
+    if (remove) Advance(timer, clock.Monotonic());
     return true;
   }
 
@@ -266,7 +270,10 @@ struct MessageLoop::State {
   bool Turn(MessageLoop& loop, MonotonicTime timersUntil) {
     Message message;
     bool looked = false;
-    if (!Take(message, {}, true, timersUntil, looked)) return looked;
+    // A connection that brings more than is taken keeps messages queued for ever; ticks have to come all the same.
+    const bool overdue = messagesSinceLook + 1 >= kMessagesPerLook &&
+                         TakeTimer(message, {}, true, std::min(clock.Monotonic() - kTimerPatience, timersUntil));
+    if (!overdue && !Take(message, {}, true, timersUntil, looked)) return looked;
     loop.Dispatch(message);
     return true;
   }

@@ -11,7 +11,7 @@
 namespace quenmark::platform {
 
 // A line of the list: "START-END r-xp OFFSET DEVICE INODE PATH", the addresses in hexadecimal. Code that is mapped
-// without the right to write is the same in the file, so nothing is lost.
+// without the right to write is the same in the file, so nothing is lost but a debugger's breakpoints.
 void UnmapUsedCode() {
   std::ifstream list("/proc/self/maps");
   for (std::string line; std::getline(list, line);) {

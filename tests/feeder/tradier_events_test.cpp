@@ -84,11 +84,16 @@ TEST_F(StreamEvents, TradesBecomeQuoteRecords) {
   for (const auto& test : cases) EXPECT_EQ(After(test.event, test.stored, test.close), test.expected) << test.what;
 }
 
-TEST_F(StreamEvents, SymbolsThatWouldBreakARecordWriteNone) {
-  for (const std::string symbol : {"", "A-B"}) {
+TEST_F(StreamEvents, WhatWouldBreakARecordOrIsNoneWritesNone) {
+  const std::string huge(5000, 'A');
+  const auto quote = [](const std::string& symbol, const std::string& bid) {
+    return fmt::format(R"({{"type":"quote","symbol":"{}","bid":{},"bidsz":2,"ask":3,"asksz":4,"x":0}})", symbol, bid);
+  };
+  for (const std::string& symbol : {std::string(), std::string("A-B"), huge}) {
     events.HandleStreamEvent(Timesale(symbol, "1"));
-    events.HandleStreamEvent(R"({"type":"quote","symbol":"","bid":1,"bidsz":2,"ask":3,"asksz":4,"x":0})");
+    if (symbol != "A-B") events.HandleStreamEvent(quote(symbol, "1"));
   }
+  events.HandleStreamEvent(quote("A", huge));
   EXPECT_TRUE(store->GetAllSettings(context.settingsApp, "Feeder").empty());
 }
 

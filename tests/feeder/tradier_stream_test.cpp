@@ -21,6 +21,8 @@ using ::testing::IsEmpty;
 
 constexpr const char* kSessionPath = "/v1/markets/events/session";
 constexpr const char* kQuotesPath = "/v1/markets/quotes";
+constexpr const char* kBar =
+    R"({"series":{"data":{"time":"2024-03-15T10:29:00","open":10,"high":12,"low":9.5,"close":11,"volume":700,"vwap":1}}})";
 
 class LiveForm : public FeederFixture {
  protected:
@@ -208,20 +210,34 @@ TEST_F(LiveForm, ALostConnectionIsOpenedAndSubscribedAgain) {
 }
 
 TEST_F(LiveForm, AConnectionLostWithinATickArmsTheDelayedExit) {
-  OpenChart("AAPL");
-  StartOpen();
-  OpenChart("MSFT");
-  store->SaveSetting("Quenmark", "QX", "QXPapeis", "MSFT");
-  store->SaveSetting("Quenmark", "QX", "HrLM", "2024-03-15 10:30:00");
-  // The bars for the sibling tool are asked for before the charts are compared.
-  server.Put("/v1/markets/timesales", {.body = "{}", .delay = 30ms});
-  const auto call =
-      loop.CallAt(0, clock.Monotonic(), [&] { Wire().Raise([](auto& events) { events.OnError(10054, 1); }); });
-  (void)call;
-  Tick();
-  Sent();
-  // Ticks go on connecting in vain; a minute later the program ends.
-  EXPECT_THROW(loop.Sleep(61s), ProgramEnded);
+  // How the minute goes on after the loss.
+  enum class Then { kInVain, kSubscribed, kNothingToSubscribe };
+  for (const Then then : {Then::kSubscribed, Then::kNothingToSubscribe, Then::kInVain}) {
+    OpenChart("AAPL");
+    StartOpen();
+    OpenChart("MSFT");
+    store->SaveSetting("Quenmark", "QX", "QXPapeis", "MSFT");
+    store->SaveSetting("Quenmark", "QX", "HrLM", "2024-03-15 10:30:00");
+    // The bars for the sibling tool are asked for before the charts are compared.
+    server.Put("/v1/markets/timesales", {.body = kBar, .delay = 30ms});
+    const auto call =
+        loop.CallAt(0, clock.Monotonic(), [&] { Wire().Raise([](auto& events) { events.OnError(10054, 1); }); });
+    (void)call;
+    Tick();
+    Sent();
+    EXPECT_EQ(store->GetSetting("Quenmark", "QX", "QXPapResp"), "@!@MSFT-1029-10-12-9.5-11-700-1-1| 20240315103350");
+    store->DeleteSetting("Quenmark", "QX", "QXPapeis");
+    if (then == Then::kInVain) {
+      EXPECT_THROW(loop.Sleep(61s), ProgramEnded);
+      continue;
+    }
+    loop.Sleep(30s);
+    if (then == Then::kNothingToSubscribe) store->DeleteSection(kApp, "GrafAbertPapel");
+    Open();
+    Tick();
+    EXPECT_EQ(Sent().size(), then == Then::kSubscribed ? 1U : 0U);
+    EXPECT_NO_THROW(loop.Sleep(61s));
+  }
 }
 
 TEST_F(LiveForm, ACloseOfTheServerEndsTheProgram) {

@@ -128,6 +128,28 @@ TEST_F(MessageLoopTest, TimersComeAfterPostedMessagesEarliestFirstAndOnceForAllT
   EXPECT_THAT(noted, UnorderedElementsAre(7, -2, -1, -2, -3));
 }
 
+TEST_F(MessageLoopTest, OverdueTimersComeThoughMessagesNeverEnd) {
+  WindowId window = 0;
+  window = loop.CreateHiddenWindow("busy", [&](const Message& message) {
+    if (message.number == kMessageTimer) {
+      noted.push_back(int(Elapsed().count()));
+      if (noted.size() == 2) loop.Quit();
+      return;
+    }
+    if (Elapsed() > 10s) loop.Quit();
+    clock.Advance(1ms);
+    loop.Post(message);
+  });
+  loop.SetTimer(window, 1, 1000ms);
+  loop.Post({window, 1, 0, 0});
+  loop.Run();
+  // Not when they are due, and not much later than their patience lasts.
+  ASSERT_EQ(noted.size(), 2U);
+  for (int beat = 0; beat < 2; ++beat) {
+    EXPECT_THAT(noted[std::size_t(beat)] - 1000 * (beat + 1), ::testing::AllOf(::testing::Ge(250), ::testing::Lt(350)));
+  }
+}
+
 TEST_F(MessageLoopTest, KilledAndRestartedTimers) {
   const WindowId window = NotingWindow();
   loop.SetTimer(window, 1, 10ms);
