@@ -5,6 +5,7 @@
 #include "tests/support/http_server.h"
 #include "tests/websocket/websocket_fixture.h"
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 
 #include <memory>
@@ -23,6 +24,13 @@ constexpr const char* kSessionPath = "/v1/markets/events/session";
 constexpr const char* kQuotesPath = "/v1/markets/quotes";
 constexpr const char* kBar =
     R"({"series":{"data":{"time":"2024-03-15T10:29:00","open":10,"high":12,"low":9.5,"close":11,"volume":700,"vwap":1}}})";
+
+constexpr const char* kSnapshot =
+    R"({"quotes":{"quote":{"symbol":"AMZN","description":"Amazon.com, Inc","exch":"Q","type":"stock","last":463.37,)"
+    R"("change":0.0,"change_percentage":-1.234,"volume":812,"average_volume":3522497,"last_volume":235852,)"
+    R"("trade_date":1710513000000,"open":465.0,"high":466.2,"low":460.01,"close":null,"prevclose":469.16,)"
+    R"("week_52_high":580.57,"week_52_low":284.0,"bid":477.2,"bidsize":2,"bidexch":"P","bid_date":1440490442000,)"
+    R"("ask":481.16,"asksize":1,"askexch":"P","ask_date":1440490432000,"root_symbols":"AMZN7,AMZN"}}})";
 
 class LiveForm : public FeederFixture {
  protected:
@@ -130,6 +138,27 @@ TEST_F(LiveForm, EventsReachTheStoreAndOtherMessagesDoNot) {
   EXPECT_EQ(Feeder("QQQ"), "QQQ-313.06---313.06--110-1-1-20201231164838");
 }
 
+// Events go on while a snapshot is under way, and what is older of the two does not replace what is newer.
+TEST_F(LiveForm, ASnapshotRacesWithEvents) {
+  Describe("AMZN");
+  for (const auto& [date, record] :
+       {std::pair{"1710512999000", "AMZN-463.37-m1.23-465-466.2-460.01-812-1-1-20240315103000"},
+        std::pair{"1710513001000", "AMZN-470-0.18-465-470-460.01-813-1-1-20240315103001"}}) {
+    for (const char* section : {"Feeder", "GrafAbertPapel"}) store->DeleteSection(kApp, section);
+    server.Put(kQuotesPath, {.body = kSnapshot});
+    OpenChart("AMZN");
+    StartOpen();
+    server.Put(kQuotesPath, {.body = kSnapshot, .delay = 30ms});
+    const std::string trade =
+        fmt::format(R"({{"type":"timesale","symbol":"AMZN","last":"470","size":"1","date":"{}"}})", date);
+    const auto call = loop.CallAt(0, clock.Monotonic(), [&] { Event(trade); });
+    (void)call;
+    OpenChart("MSFT");
+    Tick();
+    EXPECT_EQ(Feeder("AMZN"), record);
+  }
+}
+
 TEST_F(LiveForm, AStoredSessionIsUsedUnlessItIsMarked) {
   OpenChart("AAPL");
   store->SaveSetting("Quenmark", "API", "SID", "kept");
@@ -198,7 +227,15 @@ TEST_F(LiveForm, RefusedSymbolsLeaveTheCharts) {
 
 TEST_F(LiveForm, ALostConnectionIsOpenedAndSubscribedAgain) {
   OpenChart("AAPL");
-  StartOpen();
+  Start();
+  for (const std::int32_t refused : {10061, 11001, 10060}) {
+    const MemoryTransport* const last = &Wire();
+    Wire().Raise([&](auto& events) { events.OnError(refused, 16); });
+    Tick();
+    ASSERT_NE(&Wire(), last) << refused;
+  }
+  Open();
+  Tick();
   Sent();
   const MemoryTransport* const first = &Wire();
   Wire().Raise([](auto& events) { events.OnError(10054, 1); });
