@@ -38,7 +38,7 @@ std::string EventText(std::int32_t eventMask) {
 }  // namespace
 
 // Hands a transport's events to the component. One per transport, so that what a transport says after it was let go
-// reaches nobody.
+// reaches nobody: also when both live on because a handler of theirs has not returned yet.
 class TransportSink final : public TransportEvents {
  public:
   explicit TransportSink(std::weak_ptr<WebsocketState> state) : m_state(std::move(state)) {}
@@ -63,7 +63,7 @@ class TransportSink final : public TransportEvents {
   template <typename Action>
   void Run(Action action) {
     const auto state = m_state.lock();
-    if (!state || state->Deaf()) return;
+    if (!state || !state->Hears(*this)) return;
     const auto transport = state->TheTransport();  // lives until the handlers are done with it
     action(*state);
   }
@@ -147,6 +147,7 @@ void WebsocketState::Open() {
   status = kStatusConnecting;
   m_sink.reset();  // the old transport may say what it likes while it goes
   if (!m_transport->IsClosed()) m_transport->Close_();
+  m_transport->CloseSocket();  // it outlives this call when a handler of its own is running
   MakeTransport();
   const std::uint64_t connection = m_connection;
   const auto transport = m_transport;

@@ -55,8 +55,8 @@ class WebsocketState : public std::enable_shared_from_this<WebsocketState> {
   void OnTransportReceive();
   void OnTransportClose();
   void OnTransportError(std::int32_t errorCode, std::int32_t eventMask);
-  // While the transport closes at the component's own wish its events mean nothing.
-  bool Deaf() const { return m_closing || m_dropped; }
+  // Only the present transport is heard, and not while it closes at the component's own wish.
+  bool Hears(const TransportEvents& sink) const { return m_sink.get() == &sink && !m_closing && !m_dropped; }
   std::shared_ptr<Transport> TheTransport() const { return m_transport; }
 
  private:

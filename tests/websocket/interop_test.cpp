@@ -65,6 +65,7 @@ class Interop : public testing::TestWithParam<const char*> {
     websocket::WebsocketEvents events;
     events.OnMessage = [this](const websocket::MessageData& data, std::int32_t type) {
       messages.emplace_back(type, data.Text());
+      if (const auto run = std::exchange(onMessage, {})) run();
     };
     events.OnConnect = [this](const std::string&, const std::string&, const std::string&) { log.push_back("connect"); };
     events.OnReConnect = [this](const std::string& url) { log.push_back("reconnect " + url); };
@@ -100,6 +101,7 @@ class Interop : public testing::TestWithParam<const char*> {
   std::vector<std::string> log;
   std::vector<std::string> pongs;
   std::vector<std::pair<std::int32_t, std::string>> messages;
+  std::function<void()> onMessage;  // runs inside the next handler
   std::unique_ptr<websocket::Websocket> socket;
 };
 
@@ -192,6 +194,24 @@ TEST_P(Interop, WhatTheServerDecides) {
         Close();
       }
     }
+  }
+}
+
+// The old connection's end comes while its handler still waits for the new one.
+TEST_P(Interop, AHandlerMayConnectAgainAndWait) {
+  for (const bool useTls : {false, true}) {
+    Connect(peer.Address(useTls, "x"));
+    onMessage = [this] {
+      socket->ReConnect();
+      Await([this] { return socket->readyState() < 2; });
+      socket->Ping("new");
+      Await([this] { return !pongs.empty(); });
+    };
+    socket->Send("old");
+    Await([this] { return !onMessage && !pongs.empty(); });
+    EXPECT_THAT(std::exchange(pongs, {}), ElementsAre("new"));
+    EXPECT_THAT(log, ElementsAre("connect", "connect"));
+    Close();
   }
 }
 

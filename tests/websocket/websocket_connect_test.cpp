@@ -162,7 +162,7 @@ TEST_F(WebsocketConnect, RedirectsAreFollowedTenTimes) {
     EXPECT_EQ(socket->readyState(), 2);
     EXPECT_EQ(Wire().host, fmt::format("h{}", i));
     EXPECT_NE(old, wires.back());
-    EXPECT_THAT(old->calls, ElementsAre("Close_"));
+    EXPECT_THAT(old->calls, ElementsAre("Close_", "CloseSocket"));
   }
   EXPECT_EQ(log.size(), 11u);
   EXPECT_EQ(log.back(), "error 1014 A redirect by the server could not be processed.");
@@ -293,14 +293,29 @@ TEST_F(WebsocketConnect, AHandlerMayDestroyTheComponent) {
   }
 }
 
+// Neither by itself nor while an event of its own is still being handled.
 TEST_F(WebsocketConnect, ATransportThatWasLetGoIsNotHeard) {
-  Open();
-  const auto old = wires.back();
-  socket->Connect("ws://host/");
-  old->Raise([](auto& events) { events.OnClose(); });
-  old->Deliver(ServerFrame(0x81, "late"));
-  EXPECT_THAT(log, testing::IsEmpty());
-  EXPECT_EQ(socket->readyState(), 2);
+  for (const bool inHandler : {false, true}) {
+    Open();
+    const auto old = wires.back();
+    const auto replace = [&] {
+      socket->Connect("ws://host/");
+      EXPECT_FALSE(old->hasSocket);
+      old->hasSocket = true;
+      old->Raise([](auto& events) { events.OnClose(); });
+      old->Raise([](auto& events) { events.OnError(10054, 1); });
+      old->Deliver(ServerFrame(0x81, "late"));
+    };
+    if (inHandler) {
+      onEvent = [&](const std::string&) { replace(); };
+      Wire().Deliver(ServerFrame(0x81, "now"));
+    } else {
+      replace();
+    }
+    EXPECT_EQ(log, Log(inHandler ? 1 : 0, "message 1 now"));
+    EXPECT_EQ(socket->readyState(), 2);
+    EXPECT_THAT(Wire().calls, testing::IsEmpty());
+  }
 }
 
 }  // namespace
