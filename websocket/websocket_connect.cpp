@@ -256,6 +256,7 @@ bool WebsocketState::Redirect(const std::string& location) {
 void WebsocketState::OnTransportError(std::int32_t errorCode, std::int32_t eventMask) {
   const std::string description = fmt::format("{} {}:  Description: {}", EventText(eventMask), errorCode,
                                               m_transport->GetErrorDescription(errorCode));
+  if (!DeliverBeforeTheEnd()) return;
   readyState = kStateClosing;
   if (!RaiseError(kSocketError, description)) return;
   // A close frame that cannot be sent does not call for another one.
@@ -267,6 +268,7 @@ void WebsocketState::OnTransportError(std::int32_t errorCode, std::int32_t event
 }
 
 void WebsocketState::OnTransportClose() {
+  if (!DeliverBeforeTheEnd()) return;
   readyState = kStateClosed;
   if (RaiseNormalClose()) CloseSocket();
 }

@@ -71,6 +71,16 @@ void WebsocketState::ReceivePass() {
   }
 }
 
+// The connection ends while a handler waits, or before what was just read has been looked at: that was sent before the
+// end and is raised before it. False when nothing is left to end: it contained a close frame, or a handler saw to it.
+bool WebsocketState::DeliverBeforeTheEnd() {
+  if (readyState != kStateOpen && readyState != kStateClosing) return true;
+  const BusyMark mark(busy);
+  const std::uint64_t connection = m_connection;
+  ReceivePass();
+  return !m_dropped && m_connection == connection && readyState != kStateClosed;
+}
+
 // One frame, or one step of a message in fragments. False when the pass is over.
 bool WebsocketState::TakeFrame() {
   const BytesView bytes = m_received.Unread();

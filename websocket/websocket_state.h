@@ -96,6 +96,7 @@ class WebsocketState : public std::enable_shared_from_this<WebsocketState> {
 
   // websocket_receive.cpp
   void ReceivePass();
+  bool DeliverBeforeTheEnd();
   bool TakeFrame();
   bool RefuseHeader(const FrameHeader& header);
   bool TakeWholeFrame(const FrameHeader& header, std::size_t end);

@@ -23,6 +23,7 @@ class WebsocketReceive : public WebsocketFixture {
   }
 };
 
+const std::string kClosed = "close 1000 Normal Closure.";
 const std::string kTooLarge = "error 1009 A Message was To Large or Corrupted.";
 
 struct Scenario {
@@ -59,9 +60,9 @@ std::vector<Scenario> Scenarios() {
        ServerFrame(0x02, "a") + ServerFrame(0x81, "b") + ServerFrame(0x80, "c"),
        {"message 2 abc"}},
       {"a ping in fragments", ServerFrame(0x09, "a") + ServerFrame(0x80, "b"), {}, {{0x8A, "ab", ""}}},
-      {"close without a code", ServerFrame(0x88, ""), {"close 1000 Normal Closure."}, {}, 0},
-      {"close with one byte", ServerFrame(0x88, "\x03"), {"close 1000 Normal Closure."}, {}, 0},
-      {"close with a code", ServerFrame(0x88, "\x03\xE8"), {"close 1000 Normal Closure."}, {}, 0},
+      {"close without a code", ServerFrame(0x88, ""), {kClosed}, {}, 0},
+      {"close with one byte", ServerFrame(0x88, "\x03"), {kClosed}, {}, 0},
+      {"close with a code", ServerFrame(0x88, "\x03\xE8"), {kClosed}, {}, 0},
       {"close with a reason",
        ServerFrame(0x88,
                    "\x03\xE9"
@@ -79,7 +80,7 @@ std::vector<Scenario> Scenarios() {
        {"close 1006 A Close frame was unexpectedly encountered while recieving data."},
        {},
        0},
-      {"nothing after a close", ServerFrame(0x88, "") + ServerFrame(0x81, "x"), {"close 1000 Normal Closure."}, {}, 0},
+      {"nothing after a close", ServerFrame(0x88, "") + ServerFrame(0x81, "x"), {kClosed}, {}, 0},
       {"continuation of nothing",
        ServerFrame(0x80, "x") + ServerFrame(0x81, "y"),
        {"error 1002 Invalid opCode recieved. (0)"},
@@ -126,7 +127,7 @@ TEST_F(WebsocketReceive, WhileClosingOnlyACloseFrameCounts) {
   Wire().TakeSent();
   Wire().Deliver(ServerFrame(0x81, "a") + ServerFrame(0x89, "p") + ServerFrame(0x02, "b") + ServerFrame(0x89, "q") +
                  ServerFrame(0x80, "c") + ServerFrame(0x88, "\x03\xE8"));
-  EXPECT_THAT(log, ElementsAre("close 1000 Normal Closure."));
+  EXPECT_THAT(log, ElementsAre(kClosed));
   EXPECT_EQ(Wire().TakeSent(), "");
 }
 
@@ -172,6 +173,58 @@ TEST_F(WebsocketReceive, NestedReceivesKeepTheOrder) {
   EXPECT_THAT(log, ElementsAre("message 1 a", "message 1 b", "message 1 c", "message 1 de"));
   EXPECT_THAT(busy, ElementsAre(true, true, true, true));
   EXPECT_FALSE(socket->isBusy());
+}
+
+// The connection ends while the handler of the first message waits, or while the loop runs amid a long read.
+TEST_F(WebsocketReceive, WhatWasReadBeforeTheEndIsToldBeforeIt) {
+  const std::string away = ServerFrame(0x88, "\x03\xE9 bye");
+  const std::string error = "error 1016 Event Type: Recieve/Read 10054:  Description: ";
+  const struct {
+    std::string behind;
+    bool fails;
+    Log events;
+    std::string then = {};  // in the handler of b
+  } rows[] = {
+      {ServerFrame(0x81, "b") + away, false, {"message 1 b", "close 1001  bye"}},
+      {ServerFrame(0x81, "b") + away, true, {"message 1 b", "close 1001  bye"}},
+      {ServerFrame(0x01, "b") + ServerFrame(0x80, "c") + "\x81\x09half", false, {"message 1 bc", kClosed}},
+      {ServerFrame(0x81, "b"), true, {"message 1 b", error}},
+      {ServerFrame(0x81, "b") + away, false, {"message 1 b"}, "connect"},
+      {ServerFrame(0x81, "b") + away, true, {"message 1 b"}, "drop"},
+      {ServerFrame(0x81, "b"), false, {"message 1 b", kClosed}, "disconnect"},
+  };
+  for (const bool amidRead : {false, true}) {
+    for (const auto& row : rows) {
+      SCOPED_TRACE(fmt::format("{} {} {}", row.events.back(), row.then, amidRead));
+      Open();
+      const auto wire = wires.back();
+      const auto end = [&] {
+        wire->Raise([&](auto& events) { row.fails ? events.OnError(10054, 1) : events.OnClose(); });
+      };
+      const platform::WindowId window = loop.CreateHiddenWindow("end", [&](const platform::Message&) { end(); });
+      onEvent = [&](const std::string& line) {
+        if (line == "message 1 a" && !amidRead) end();
+        if (line != "message 1 b") return;
+        if (row.then == "connect") socket->Connect("ws://fresh/");
+        if (row.then == "drop") socket.reset();
+        if (row.then == "disconnect") socket->Disconnect();
+      };
+      wire->onRead = [&] {
+        if (!amidRead) return;
+        clock.Advance(std::chrono::milliseconds(2500));
+        loop.Post({window, platform::kMessageUser, 0, 0});
+      };
+      wire->Deliver(ServerFrame(0x81, "a") + row.behind);
+      Log expected = row.events;
+      expected.insert(expected.begin(), "message 1 a");
+      EXPECT_EQ(log, expected);
+      loop.DestroyWindow(window);
+      if (!socket) Make();
+      const bool failed = row.events.back() == error;  // waits for the server's close frame
+      EXPECT_EQ(socket->readyState(), row.then == "connect" ? 2 : failed ? 3 : 0);
+      EXPECT_FALSE(socket->isBusy());
+    }
+  }
 }
 
 TEST_F(WebsocketReceive, NoMoreThanTheLimitIsReadBeforeItIsLookedAt) {
