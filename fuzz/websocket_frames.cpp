@@ -50,6 +50,7 @@ class FuzzTransport final : public Transport {
     return true;
   }
   bool SendText(std::string_view) override { return true; }
+  std::size_t UnsentBytes() const override { return 0; }
   void Close_() override {}
   void ShutDown() override {}
   void CloseSocket() override { m_open = false; }

@@ -16,6 +16,9 @@ inline constexpr std::size_t kMaxReadPerPass = std::size_t{128} << 10;
 inline constexpr std::size_t kMinRead = std::size_t{64} << 10;
 // Bytes at which the receive buffer stops growing.
 inline constexpr std::size_t kMaxReceiveBuffer = 0x7FFFC000;
+// Bytes that may wait to be sent when a ping is answered. Beyond it only the latest ping keeps its claim to an answer
+// (RFC 6455 §5.5.3).
+inline constexpr std::size_t kMaxUnsentAtPong = std::size_t{1} << 20;
 // Redirects followed in a row.
 inline constexpr int kMaxRedirects = 10;
 // Payload bytes of a frame that can be written; a longer payload makes no frame.

@@ -56,19 +56,21 @@ class TlsTransport final : public Transport, public tls::TlsSocketEvents {
 
   bool SendArray(BytesView bytes) override {
     if (IsClosed()) return false;
-    if (m_socket->UseTls()) return m_socket->SendArray(bytes);  // it queues by itself
+    if (m_socket->UseTls()) return SendEncrypted(bytes);
     if (m_unsent.empty() && !SendPlain(bytes)) return false;
     m_unsent.insert(m_unsent.end(), bytes.begin(), bytes.end());
     return true;
   }
   bool SendText(std::string_view text) override { return SendArray(AsBytes(text)); }
 
+  std::size_t UnsentBytes() const override { return m_socket->UseTls() ? m_unsentTls : m_unsent.size() - m_sent; }
+
   void Close_() override { m_socket->Close_(); }
   void ShutDown() override { m_socket->ShutDown(); }
   void CloseSocket() override {
     m_socket->Socket()->Close_();
     m_unsent.clear();
-    m_sent = 0;
+    m_sent = m_unsentTls = 0;
   }
 
   std::string RemoteHostName() const override { return m_socket->RemoteHostName(); }
@@ -91,7 +93,12 @@ class TlsTransport final : public Transport, public tls::TlsSocketEvents {
   }
   // A send that fails for good is told by the close event behind it.
   void OnSend(tls::cTlsSocket& socket) override {
-    if (!socket.UseTls()) Flush();
+    if (socket.UseTls()) {
+      m_unsentTls = 0;  // raised when everything is out
+    } else {
+      Flush();
+    }
+    Raise([](TransportEvents& events) { events.OnSend(); });
   }
   void OnClose(tls::cTlsSocket& /*socket*/) override {
     Raise([](TransportEvents& events) { events.OnClose(); });
@@ -121,6 +128,13 @@ class TlsTransport final : public Transport, public tls::TlsSocketEvents {
   bool ReceiveDecrypted(ReceiveBuffer& buffer) {
     if (!m_socket->ReceiveArray(m_decrypted)) return false;
     buffer.Take(m_decrypted);
+    return true;
+  }
+
+  // The socket queues by itself, and says only whether anything waits.
+  bool SendEncrypted(BytesView bytes) {
+    if (!m_socket->SendArray(bytes)) return false;
+    m_unsentTls = m_socket->HasPendingEvent() ? m_unsentTls + bytes.size() : 0;
     return true;
   }
 
@@ -155,6 +169,7 @@ class TlsTransport final : public Transport, public tls::TlsSocketEvents {
   bool m_drained = true;  // without TLS: nothing is known to wait
   Bytes m_unsent;         // without TLS: what the socket did not take, from m_sent on
   std::size_t m_sent = 0;
+  std::size_t m_unsentTls = 0;  // with TLS: bytes taken since everything was last out
 };
 
 std::string Sha1Digest(std::string_view text) {

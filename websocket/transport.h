@@ -24,6 +24,8 @@ class TransportEvents {
   virtual void OnConnect() = 0;
   // Data is waiting. Raised again while a read leaves some behind.
   virtual void OnReceive() = 0;
+  // What waited to be sent has gone, or part of it.
+  virtual void OnSend() = 0;
   // The peer closed; everything it had sent has been announced by OnReceive before.
   virtual void OnClose() = 0;
   virtual void OnError(std::int32_t errorCode, std::int32_t eventMask) = 0;
@@ -50,6 +52,8 @@ class Transport {
   // Takes all the bytes or fails. What the socket does not take now is kept and sent, in order, when it does.
   virtual bool SendArray(BytesView bytes) = 0;
   virtual bool SendText(std::string_view text) = 0;
+  // Bytes that were taken and wait for the socket, at most; OnSend follows while there are any.
+  virtual std::size_t UnsentBytes() const = 0;
 
   // The three steps of closing: close_notify, the sending side, the socket itself.
   virtual void Close_() = 0;

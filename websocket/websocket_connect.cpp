@@ -52,6 +52,9 @@ class TransportSink final : public TransportEvents {
   void OnReceive() override {
     Run([](WebsocketState& state) { state.OnTransportReceive(); });
   }
+  void OnSend() override {
+    Run([](WebsocketState& state) { state.OnTransportSend(); });
+  }
   void OnClose() override {
     Run([](WebsocketState& state) { state.OnTransportClose(); });
   }

@@ -51,6 +51,7 @@ void WebsocketState::OnTransportReceive() {
 void WebsocketState::ForgetReceived() {
   m_received.Clear();
   m_assembly = Assembly();
+  m_unansweredPing.reset();
 }
 
 void WebsocketState::ReceivePass() {
@@ -200,7 +201,7 @@ bool WebsocketState::Dispatch(std::uint8_t opcode, std::string_view data) {
     case kClose:
       return HandleClose(data);
     case kPing:
-      SendFrame(kFin | kPong, AsBytes(data));
+      AnswerPing(data);
       break;
     case kPong:
       Raise(m_events.OnPong, std::string(AsUtf8(data, repaired)));
@@ -212,6 +213,21 @@ bool WebsocketState::Dispatch(std::uint8_t opcode, std::string_view data) {
       Raise(m_events.OnMessage, MessageData(data), std::int32_t{opcode});
   }
   return true;
+}
+
+// The pongs for a peer that pings and does not read are not to pile up.
+void WebsocketState::AnswerPing(std::string_view data) {
+  m_unansweredPing.reset();
+  if (m_transport->UnsentBytes() > kMaxUnsentAtPong) {
+    m_unansweredPing = data;
+  } else {
+    SendFrame(kFin | kPong, AsBytes(data));
+  }
+}
+
+void WebsocketState::OnTransportSend() {
+  if (readyState != kStateOpen) return;
+  if (const auto ping = std::exchange(m_unansweredPing, {})) AnswerPing(*ping);
 }
 
 // The reason is text of one byte per character. No close frame is sent back.

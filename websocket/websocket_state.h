@@ -53,6 +53,7 @@ class WebsocketState : public std::enable_shared_from_this<WebsocketState> {
   void OnTransportResolve(std::string_view ipAddress);
   void OnTransportConnect();
   void OnTransportReceive();
+  void OnTransportSend();
   void OnTransportClose();
   void OnTransportError(std::int32_t errorCode, std::int32_t eventMask);
   // Only the present transport is heard, and not while it closes at the component's own wish.
@@ -107,6 +108,7 @@ class WebsocketState : public std::enable_shared_from_this<WebsocketState> {
   bool Inflate(BytesView payload, std::string& data);
   bool DeliverInflated(bool inflated, std::uint8_t opcode, std::string& data);
   bool Dispatch(std::uint8_t opcode, std::string_view data);
+  void AnswerPing(std::string_view data);
   bool HandleClose(std::string_view payload);
   bool FailDelivery();
   void ForgetReceived();
@@ -140,8 +142,9 @@ class WebsocketState : public std::enable_shared_from_this<WebsocketState> {
   std::unique_ptr<cZipArchive> m_compressor;
   ReceiveBuffer m_received;
   Assembly m_assembly;
-  std::string m_spareMessage;  // memory for the next message that is inflated
-  Bytes m_spareFrame;          // memory for the next frame sent
+  std::optional<std::string> m_unansweredPing;  // the latest, while too much waits to be sent
+  std::string m_spareMessage;                   // memory for the next message that is inflated
+  Bytes m_spareFrame;                           // memory for the next frame sent
 };
 
 // Counts a send or receive pass while it runs.

@@ -24,6 +24,7 @@ class MemoryTransport final : public websocket::Transport, public std::enable_sh
   std::uint32_t features = 0;
   bool refusesConnect = false;
   bool refusesSends = false;
+  std::size_t unsent = 0;
   bool closed = true;
   bool hasSocket = false;
   std::vector<std::string> calls;  // closing steps, in order
@@ -88,6 +89,7 @@ class MemoryTransport final : public websocket::Transport, public std::enable_sh
   bool SendText(std::string_view text) override {
     return SendArray({reinterpret_cast<const std::uint8_t*>(text.data()), text.size()});
   }
+  std::size_t UnsentBytes() const override { return unsent; }
   void Close_() override { calls.push_back("Close_"); }
   void ShutDown() override { calls.push_back("ShutDown"); }
   void CloseSocket() override {

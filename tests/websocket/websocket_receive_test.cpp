@@ -131,6 +131,27 @@ TEST_F(WebsocketReceive, WhileClosingOnlyACloseFrameCounts) {
   EXPECT_EQ(Wire().TakeSent(), "");
 }
 
+TEST_F(WebsocketReceive, PingsBehindACongestedSendAreAnsweredByOnePong) {
+  Open();
+  const auto room = [this](std::size_t unsent) {
+    Wire().unsent = unsent;
+    Wire().Raise([](auto& events) { events.OnSend(); });
+  };
+  Wire().unsent = websocket::kMaxUnsentAtPong + 1;
+  Wire().Deliver(ServerFrame(0x89, "1") + ServerFrame(0x01, "a") + ServerFrame(0x89, "2") + ServerFrame(0x80, ""));
+  room(websocket::kMaxUnsentAtPong + 1);
+  EXPECT_THAT(log, ElementsAre("message 1 a"));
+  EXPECT_EQ(Wire().TakeSent(), "");
+  room(websocket::kMaxUnsentAtPong);
+  room(0);
+  EXPECT_THAT(Sent(), ElementsAre(SentFrame{0x8A, "2", ""}));
+  room(websocket::kMaxUnsentAtPong + 1);
+  Wire().Deliver(ServerFrame(0x89, "3"));
+  socket->Disconnect();
+  room(0);
+  EXPECT_THAT(Sent(), ElementsAre(SentFrame{0x88, "", ""}));  // nothing behind the close frame
+}
+
 TEST_F(WebsocketReceive, Compressed) {
   OpenCompressed();
   const std::string text(300, 'z');
