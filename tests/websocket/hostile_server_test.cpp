@@ -1,12 +1,20 @@
 // Servers that vanish, stall, stop half-way or send what nobody should: the component over sockets, and feeder-probe.
 #include "platform/clock.h"
+#include "tests/support/certificate.h"
 #include "tests/support/child_process.h"
 #include "tests/support/plain_socket.h"
+#include "tests/support/temporary_folder.h"
 #include "tests/websocket/websocket_fixture.h"
 #include "websocket/deflate.h"
 #include "websocket/tls_transport.h"
 
-#include <stdexcept>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/ssl.hpp>
+#include <boost/asio/write.hpp>
+
+#include <exception>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -14,40 +22,70 @@
 namespace quenmark::test {
 namespace {
 
-using testing::ElementsAre;
+namespace asio = boost::asio;
 using testing::HasSubstr;
 
 enum class End { kFinish, kReset, kStall };
+
+// A client's connection, with TLS when there is a certificate.
+class Stream {
+ public:
+  Stream(int client, const std::string& pem)
+      : m_socket(m_context, asio::ip::tcp::v4(), client), m_secured(!pem.empty()) {
+    m_socket.set_option(asio::ip::tcp::no_delay(true));  // a reset overtakes what Nagle's algorithm holds back
+    if (!m_secured) return;
+    m_tls.use_certificate_chain_file(pem);
+    m_tls.use_private_key_file(pem, asio::ssl::context::pem);
+    m_stream.emplace(m_socket, m_tls);
+    m_stream->handshake(asio::ssl::stream_base::server);
+  }
+  void Send(const std::string& data) {
+    m_secured ? asio::write(*m_stream, asio::buffer(data)) : asio::write(m_socket, asio::buffer(data));
+  }
+  // What has come; throws at the end.
+  std::string Receive() {
+    char data[65536];
+    return {data, m_secured ? m_stream->read_some(asio::buffer(data)) : m_socket.read_some(asio::buffer(data))};
+  }
+  void Reset() {
+    m_socket.set_option(asio::socket_base::linger(true, 0));
+    m_socket.close();
+  }
+
+ private:
+  asio::io_context m_context;
+  asio::ip::tcp::socket m_socket;
+  const bool m_secured;
+  asio::ssl::context m_tls{asio::ssl::context::tls_server};
+  std::optional<asio::ssl::stream<asio::ip::tcp::socket&>> m_stream;
+};
 
 // Takes one client, sends the pieces one by one and ends. Stalling lasts until the client goes. A "101" in front of
 // everything is made into the answer that fits the request.
 class Script {
  public:
-  Script(std::vector<std::string> pieces, End end)
-      : m_thread([this, pieces = std::move(pieces), end] {
+  Script(std::vector<std::string> pieces, End end, std::string pem = {})
+      : m_pem(std::move(pem)), m_thread([this, pieces = std::move(pieces), end] {
           try {
             Run(pieces, end);
-          } catch (const std::runtime_error&) {
+          } catch (const std::exception&) {
             // the client has gone
           }
         }) {}
   ~Script() { m_thread.join(); }
 
-  std::string Address() const { return fmt::format("ws://127.0.0.1:{}/", PortOf(m_listener)); }
+  std::string Address() const {
+    return fmt::format("ws{}://localhost:{}/", m_pem.empty() ? "" : "s", PortOf(m_listener));
+  }
 
  private:
   void Run(const std::vector<std::string>& pieces, End end) {
-    Descriptor client(PlainAccept(m_listener));
+    Stream client(PlainAccept(m_listener), m_pem);
     std::string request;
-    while (request.find("\r\n\r\n") == std::string::npos) {
-      const std::string next = PlainReceive(client, 1);
-      if (next.empty()) return;
-      request += next;
-    }
-    for (const std::string& piece : pieces) PlainSend(client, piece == "101" ? Answer(request) : piece);
-    if (end == End::kReset) PlainReset(client);
-    while (end == End::kStall && !PlainReceive(client, 1).empty()) {
-    }
+    while (request.find("\r\n\r\n") == std::string::npos) request += client.Receive();
+    for (const std::string& piece : pieces) client.Send(piece == "101" ? Answer(request) : piece);
+    if (end == End::kReset) client.Reset();
+    while (end == End::kStall) client.Receive();
   }
   static std::string Answer(const std::string& request) {
     const std::string name = "Sec-WebSocket-Key: ";
@@ -58,6 +96,7 @@ class Script {
            platform::EncodeBase64(Sha1Digest(key + "258EAFA5-E914-47DA-95CA-C5AB0DC85B11")) + "\r\n\r\n";
   }
 
+  const std::string m_pem;
   Descriptor m_listener{PlainListener()};
   std::thread m_thread;
 };
@@ -97,8 +136,13 @@ TEST(HostileServer, EveryEndIsTold) {
       {{"101", twoGigabytes + "some of it"}, End::kStall, {"connect", tooBig}},
       {{"101", std::string(1000, '\xFF')}, End::kStall, {"connect", tooBig}},
   };
-  for (const auto& row : rows) {
-    Script server(row.pieces, row.end);
+  const TemporaryFolder folder;
+  MakeCertificate(folder.File("both.pem"), folder.File("certificate.pem"));
+  for (std::size_t i = 0; i < 2 * std::size(rows); ++i) {
+    const auto& row = rows[i / 2];
+    const bool useTls = i % 2 == 1;
+    SCOPED_TRACE(fmt::format("row {} tls {}", i / 2, useTls));
+    Script server(row.pieces, row.end, useTls ? folder.File("both.pem") : "");
     platform::SystemClock clock;
     platform::MessageLoop loop{clock};
     std::vector<std::string> log;
@@ -111,7 +155,9 @@ TEST(HostileServer, EveryEndIsTold) {
     events.OnError = [&](std::int32_t code, const auto& text) {
       log.push_back(fmt::format("error {} {}", code, text));
     };
-    websocket::Websocket socket(loop, websocket::MakeWebsocketServices(loop, {}), events);
+    const auto services =
+        websocket::MakeWebsocketServices(loop, tls::MakeCertificateServices(loop), folder.File("certificate.pem"));
+    websocket::Websocket socket(loop, services, events);
     socket.Connect(server.Address());
     EXPECT_TRUE(
         loop.WaitUntil([&] { return log.size() >= row.log.size(); }, clock.Monotonic() + std::chrono::seconds(20)));
@@ -153,17 +199,26 @@ TEST(HostileServer, MemoryStaysBounded) {
   const std::string bomb = ServerFrame(0xC2, {reinterpret_cast<const char*>(packed.data()), packed.size()});
   std::string endless;  // fragments of 1 MB without an end
   for (int i = 0; i < 80; ++i) endless += ServerFrame(i == 0 ? 0x02 : 0x00, std::string(std::size_t{1} << 20, 'x'));
+  std::string pings;  // while nobody reads the pongs
+  for (int i = 0; i < 100; ++i) pings += ServerFrame(0x89, std::string(std::size_t{1} << 20, 'p'));
+  pings += ServerFrame(0x88, "\x03\xE9");
   const struct {
     std::string frames;
     std::string expected;
+    int memory = 320 * 1024;
   } rows[] = {
+      {std::move(pings), "closed 1001 Server is Going Away.", 160 * 1024},
       {bomb + bomb, "error 1011 Orvaline was unable to decompress incoming data."},
       {endless, "error 1009 A Message was To Large or Corrupted."},
       {std::string("\x82\x7F\0\0\0\0\x7F\xFF\xFF\xFF", 10), "error 1009 A Message was To Large or Corrupted."},
   };
-  for (const auto& row : rows) {
-    Script server({"101", row.frames}, End::kStall);
-    const Outcome outcome = RunProbe({server.Address(), "--compress"}, 320 * 1024);
+  const TemporaryFolder folder;
+  MakeCertificate(folder.File("both.pem"), folder.File("certificate.pem"));
+  for (std::size_t i = 0; i < 2 * std::size(rows); ++i) {
+    const auto& row = rows[i / 2];
+    Script server({"101", row.frames}, End::kStall, i % 2 == 1 ? folder.File("both.pem") : "");
+    const Outcome outcome =
+        RunProbe({server.Address(), "--compress", "--ca", folder.File("certificate.pem")}, row.memory);
     EXPECT_EQ(outcome.status, 1);
     EXPECT_THAT(outcome.errors, HasSubstr(row.expected));
     EXPECT_EQ(outcome.output, "");
@@ -184,7 +239,7 @@ TEST(FeederProbe, OptionsOutputAndStatus) {
   } rows[] = {
       {{"101", talk + bye}, {}, 0, "one\xE2\x82\xAC\n00ff\n\n21\n", "pong p \nclosed 1000 Normal Closure.\n"},
       {{"101", talk + away}, {"--count", "9"}, 1, "one\xE2\x82\xAC\n00ff\n\n21\n", "closed 1001 Server is Going Away."},
-      {{"101", talk}, {"--count", "2"}, 0, "one\xE2\x82\xAC\n00ff\n", "connected host=127.0.0.1"},
+      {{"101", talk}, {"--count", "2"}, 0, "one\xE2\x82\xAC\n00ff\n", "connected host=localhost"},
       {{"101"}, {"--timeout", "50"}, 0, "", "connected"},
       {{"101"}, {"--timeout", "50", "--count", "1"}, 1, "", "timed out"},
       {{}, {"--timeout", "50"}, 1, "", "timed out"},
