@@ -91,13 +91,11 @@ class Probe {
     };
     events.OnClose = [this](std::int32_t code, const std::string& reason) {
       Tell(fmt::format("closed {} {}", code, reason));
-      if (code != 1000) Fail();
+      if (code != 1000) EndSoon();
     };
     events.OnError = [this](std::int32_t code, const std::string& text) {
       Tell(fmt::format("error {} {}", code, text));
-      if (code == 1010) return;
-      Fail();
-      m_patience.SetEnabled(true);  // a server that lets the connection stand is not waited for
+      if (code != 1010) EndSoon();
     };
     return events;
   }
@@ -161,6 +159,11 @@ class Probe {
   // What goes wrong once the probe is leaving does not count.
   void Fail() {
     if (!m_leaving) m_exit = kExitFailed;
+  }
+  // A server that lets the connection stand after a failure is not waited for.
+  void EndSoon() {
+    Fail();
+    m_patience.SetEnabled(true);
   }
   // False when there is nothing to take leave of.
   bool Leave() {

@@ -244,6 +244,7 @@ TEST(FeederProbe, OptionsOutputAndStatus) {
       {{"101"}, {"--timeout", "50", "--count", "1"}, 1, "", "timed out"},
       {{}, {"--timeout", "50"}, 1, "", "timed out"},
       {{"HTTP/1.1 404 No\r\n\r\n"}, {}, 1, "", "error 1002 404: Resource Not Found.\n"},
+      {{"HTTP/1.1 305 No\r\n\r\n"}, {}, 1, "", "closed 1014 The server requires a proxy"},
   };
   for (const auto& row : rows) {
     Script server(row.pieces, End::kStall);
