@@ -186,6 +186,7 @@ bool WebsocketState::FinishMessage() {
 
 bool WebsocketState::FailDelivery() {
   if (!RaiseError(kInternalError, "Orvaline was unable to decompress incoming data.")) return true;
+  if (readyState == kStateClosed) return true;  // the handler's doing
   readyState = kStateClosing;
   Disconnect();
   return true;

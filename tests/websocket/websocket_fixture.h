@@ -95,21 +95,21 @@ class WebsocketFixture : public testing::Test {
     services.sha1 = Sha1Digest;
     websocket::WebsocketEvents events;
     events.OnMessage = [this](const websocket::MessageData& data, std::int32_t type) {
-      Note(fmt::format("message {} {}", type, data.Text()));
+      Note([&] { return fmt::format("message {} {}", type, data.Text()); });
     };
     events.OnConnect = [this](const std::string& host, const std::string& ip, const std::string& port) {
-      Note(fmt::format("connect {} {} {}", host, ip, port));
+      Note([&] { return fmt::format("connect {} {} {}", host, ip, port); });
     };
-    events.OnReConnect = [this](const std::string& url) { Note("reconnect " + url); };
+    events.OnReConnect = [this](const std::string& url) { Note([&] { return "reconnect " + url; }); };
     events.OnClose = [this](std::int32_t code, const std::string& reason) {
-      Note(fmt::format("close {} {}", code, reason));
+      Note([&] { return fmt::format("close {} {}", code, reason); });
     };
     events.OnError = [this](std::int32_t code, const std::string& text) {
-      Note(fmt::format("error {} {}", code, text));
+      Note([&] { return fmt::format("error {} {}", code, text); });
     };
-    events.OnPong = [this](const std::string& data) { Note("pong " + data); };
+    events.OnPong = [this](const std::string& data) { Note([&] { return "pong " + data; }); };
     events.onProgress = [this](std::int32_t sent, std::int32_t total, bool& cancel) {
-      Note(fmt::format("progress {}/{}", sent, total));
+      Note([&] { return fmt::format("progress {}/{}", sent, total); });
       cancel = cancelSends;
     };
     socket = std::make_unique<websocket::Websocket>(loop, std::move(services), std::move(events));
@@ -144,9 +144,12 @@ class WebsocketFixture : public testing::Test {
   std::unique_ptr<websocket::Websocket> socket;
 
  private:
-  void Note(std::string line) {
+  // What a handler was given stays as it is whatever the handler does.
+  void Note(const std::function<std::string()>& format) {
+    const std::string line = format();
     log.push_back(line);
     if (onEvent) onEvent(line);
+    EXPECT_EQ(format(), line);
   }
 
   std::uint32_t m_random = 1;

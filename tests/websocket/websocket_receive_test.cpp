@@ -183,17 +183,34 @@ TEST_F(WebsocketReceive, WhatDoesNotInflateEndsTheConnection) {
 }
 
 TEST_F(WebsocketReceive, NestedReceivesKeepTheOrder) {
-  Open();
-  std::vector<bool> busy;
-  onEvent = [&](const std::string& line) {
-    busy.push_back(socket->isBusy());
-    if (line == "message 1 a") Wire().Deliver(ServerFrame(0x81, "c") + ServerFrame(0x01, "d"));
-    if (line == "message 1 c") Wire().Deliver(ServerFrame(0x80, "e"));
+  const std::string big(300000, 'x');  // makes the buffer move
+  for (const bool compressed : {false, true}) {
+    OpenCompressed();
+    const auto text = [&](std::string_view data) {
+      return compressed ? ServerFrame(0xC1, Deflated(data)) : ServerFrame(0x81, data);
+    };
+    std::vector<bool> busy;
+    onEvent = [&](const std::string& line) {
+      busy.push_back(socket->isBusy());
+      if (line == "message 1 a") Wire().Deliver(text("c") + ServerFrame(0x82, big) + ServerFrame(0x01, "d"));
+      if (line == "message 1 c") Wire().Deliver(ServerFrame(0x80, "e"));
+    };
+    Wire().Deliver(text("a") + text("b"));
+    EXPECT_THAT(log, ElementsAre("message 1 a", "message 1 b", "message 1 c", "message 2 " + big, "message 1 de"));
+    EXPECT_EQ(busy, std::vector<bool>(5, true));
+    EXPECT_FALSE(socket->isBusy());
+    onEvent = nullptr;
+  }
+}
+
+TEST_F(WebsocketReceive, WhatAHandlerHasClosedStaysClosed) {
+  OpenCompressed();
+  onEvent = [&](const std::string&) {
+    socket->Disconnect();
+    socket->Disconnect();
   };
-  Wire().Deliver(ServerFrame(0x81, "a") + ServerFrame(0x81, "b"));
-  EXPECT_THAT(log, ElementsAre("message 1 a", "message 1 b", "message 1 c", "message 1 de"));
-  EXPECT_THAT(busy, ElementsAre(true, true, true, true));
-  EXPECT_FALSE(socket->isBusy());
+  Wire().Deliver(ServerFrame(0xC1, "\xFF\xFF\xFF"));
+  EXPECT_EQ(socket->readyState(), 0);
 }
 
 // The connection ends while the handler of the first message waits, or while the loop runs amid a long read.
