@@ -243,7 +243,8 @@ bool WebsocketState::AcceptUpgrade(AnswerVerdict& verdict) {
   m_redirects = 0;
   readyState = kStateOpen;
   status = kStatusConnected;
-  Raise(m_events.OnConnect, m_transport->RemoteHostName(), m_remoteIp, fmt::to_string(m_url.port));
+  const std::string address = m_remoteIp;  // a handler that connects again empties the field
+  Raise(m_events.OnConnect, m_transport->RemoteHostName(), address, fmt::to_string(m_url.port));
   return true;
 }
 

@@ -248,6 +248,14 @@ TEST_F(WebsocketConnect, AConnectInsideAHandlerIsNotClosedByWhatWasGoingOn) {
       [this] { Wire().Deliver(ServerFrame(0x88, "")); },
       [this] { Wire().Deliver(ServerFrame(0x80, "") + "\x81\x01"); },
       [this] { Wire().Deliver("\x81\x7F\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF"); },
+      [this] { Wire().Deliver(ServerFrame(0x81, "a") + ServerFrame(0x81, "b")); },
+      [this] { Wire().Deliver(ServerFrame(0x01, "a") + ServerFrame(0x80, "b")); },
+      [this] {
+        socket->ReConnect();
+        Wire().Raise([](auto& events) { events.OnResolve("192.0.2.1"); });
+        Wire().Establish();
+        Wire().Deliver(Answer(Wire().TakeSent()));
+      },
       [this] { socket->Connect("bad"); },
   };
   for (const auto& cause : causes) {
