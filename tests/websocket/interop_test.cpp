@@ -13,6 +13,7 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <fstream>
 #include <memory>
 #include <optional>
 #include <random>
@@ -22,7 +23,9 @@
 namespace quenmark::test {
 namespace {
 
+using namespace std::string_literals;
 using testing::ElementsAre;
+using testing::HasSubstr;
 
 // A server of one make, and the address of what it is to do.
 class Peer {
@@ -142,9 +145,11 @@ TEST_P(Interop, EchoOfEverySizeWithEveryKindOfDeflate) {
       socket->SetUseCompression(row.deflate != "off");
       Connect(peer.Address(useTls, "deflate=" + row.deflate), "", row.offer);
       ASSERT_THAT(log, ElementsAre("connect"));
-      EXPECT_THAT(socket->Extensions(), testing::HasSubstr(row.expected));
+      EXPECT_THAT(socket->Extensions(), HasSubstr(row.expected));
       for (const std::size_t size : {0u, 1u, 125u, 126u, 65535u, 65536u, 1u << 20, 16u << 20}) {
-        if (size > row.largest) break;
+        // Once is enough for the largest, compressed: Beast takes half a minute over it unoptimised.
+        const bool largestOnce = GetParam() == "node"s && useTls && row.deflate == "on" && row.offer.empty();
+        if (size > row.largest && !largestOnce) break;
         const std::string text = RandomText(size, random);
         const websocket::Bytes bytes(text.begin(), text.end());
         socket->SetChunkSize(std::array{100000.0, 65535.0, 4096.0, 200.0}[random() % (size < 1000000 ? 4 : 3)]);
@@ -229,6 +234,35 @@ TEST_P(Interop, RefusalsOfEveryStatus) {
     Await([this] { return socket->readyState() == 0; });
     ASSERT_FALSE(log.empty());
     EXPECT_EQ(log.front(), expected);
+  }
+}
+
+TEST_P(Interop, FeederProbeSaysWhatItIsToldTo) {
+  const TemporaryFolder folder;
+  const std::string file = folder.File("bytes");
+  std::ofstream(file, std::ios::binary) << std::string("\0\xFF\n", 3);
+  const std::string url = peer.Address(true, "deflate=on");
+  const struct {
+    std::vector<std::string> arguments;
+    std::string output;
+    testing::Matcher<std::string> errors;
+  } rows[] = {
+      {{"--send", "one", "--send", "two", "--binary", file, "--ping", "--protocol", "a", "--protocol", "b", "--count",
+        "3"},
+       "one\ntwo\n00ff0a\n",
+       AllOf(HasSubstr("protocol=b extensions=\n"), HasSubstr("\npong \n"))},
+      {{"--send", "\xE2\x82\xAC", "--echo", "--compress", "--count", "4"},
+       "\xE2\x82\xAC\n\xE2\x82\xAC\n\xE2\x82\xAC\n\xE2\x82\xAC\n",
+       HasSubstr("extensions=permessage-deflate")},
+      {{"--binary", file, "--echo", "--quiet", "--count", "2"}, "00ff0a\n00ff0a\n", ""},
+  };
+  for (const auto& row : rows) {
+    std::vector<std::string> arguments{"ws", url, "--ca", peer.CertificateFile(), "--timeout", "20000"};
+    arguments.insert(arguments.end(), row.arguments.begin(), row.arguments.end());
+    ChildProcess probe(BIN_DIR "/feeder-probe", arguments);
+    EXPECT_EQ(probe.ReadAll(), row.output);
+    EXPECT_EQ(probe.Wait(), 0);
+    EXPECT_THAT(probe.ErrorText(), row.errors);
   }
 }
 
