@@ -148,6 +148,7 @@ void WebsocketState::Follow(std::string_view url) {
 void WebsocketState::Open() {
   readyState = kStateConnecting;
   status = kStatusConnecting;
+  m_answered = false;
   m_sink.reset();  // the old transport may say what it likes while it goes
   if (!m_transport->IsClosed()) m_transport->Close_();
   m_transport->CloseSocket();  // it outlives this call when a handler of its own is running
@@ -197,7 +198,11 @@ bool WebsocketState::CollectAndValidate() {
   }
   AnswerVerdict verdict = ValidateAnswer(text.substr(0, answer.length), AcceptValue(m_key, m_services.sha1));
   m_received.Consume(answer.length);
-  return ApplyAnswer(std::move(verdict));
+  const std::uint64_t connection = m_connection;
+  m_answered = true;
+  const bool goesOn = ApplyAnswer(std::move(verdict));
+  if (m_connection == connection) m_answered = false;
+  return goesOn;
 }
 
 bool WebsocketState::ApplyAnswer(AnswerVerdict verdict) {

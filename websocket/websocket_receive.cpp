@@ -58,7 +58,7 @@ void WebsocketState::ReceivePass() {
   while (m_received.Size() >= 2) {
     switch (readyState) {
       case kStateConnecting:
-        if (!CollectAndValidate()) return;
+        if (m_answered || !CollectAndValidate()) return;
         break;
       case kStateOpen:
       case kStateClosing:

@@ -98,10 +98,13 @@ TEST_F(WebsocketConnect, CompressionIsOfferedAndMissed) {
   const std::string request = Wire().TakeSent();
   EXPECT_THAT(request,
               HasSubstr("Sec-Websocket-Extensions: x-foo, permessage-deflate; server_no_context_takeover\r\n"));
+  onEvent = [&, once = true](const std::string&) mutable {  // what comes meanwhile is no answer
+    if (std::exchange(once, false)) Wire().Deliver(ServerFrame(0x81, "meanwhile"));
+  };
   Wire().Deliver(Answer(request, "Sec-WebSocket-Extensions: x-foo\r\n"));
   EXPECT_THAT(log,
               ElementsAre("error 1010 The server does not support deflate compression. Data will be sent uncompressed.",
-                          "connect host  80"));
+                          "connect host  80", "message 1 meanwhile"));
   EXPECT_FALSE(socket->UseCompression());
   EXPECT_EQ(socket->Extensions(), "x-foo");
   socket->Send("hi");
