@@ -2,6 +2,7 @@
 // a whole and in pieces, keeps its memory bounded, and never sends anything but whole frames.
 #include "platform/clock.h"
 #include "platform/message_loop.h"
+#include "websocket/limits.h"
 #include "websocket/websocket.h"
 
 #include <algorithm>
@@ -33,6 +34,12 @@ class FuzzTransport final : public Transport {
     m_piece = piece;
     if (const auto events = m_events.lock()) events->OnReceive();
   }
+  // The socket is free again, and the peer goes.
+  void End() {
+    m_congested = false;
+    if (const auto events = m_events.lock()) events->OnSend();
+    if (const auto events = m_open ? m_events.lock() : nullptr) events->OnClose();
+  }
 
   bool Connect(const std::string&, std::int32_t, bool, std::uint32_t) override { return true; }
   bool IsClosed() const override { return !m_open; }
@@ -47,10 +54,11 @@ class FuzzTransport final : public Transport {
   }
   bool SendArray(BytesView bytes) override {
     if (bytes.size() < 6 || (bytes[1] & 0x80) == 0) std::abort();
+    m_congested = !m_congested;
     return true;
   }
   bool SendText(std::string_view) override { return true; }
-  std::size_t UnsentBytes() const override { return 0; }
+  std::size_t UnsentBytes() const override { return m_congested ? kMaxUnsentAtPong + 1 : 0; }
   void Close_() override {}
   void ShutDown() override {}
   void CloseSocket() override { m_open = false; }
@@ -61,6 +69,7 @@ class FuzzTransport final : public Transport {
   std::weak_ptr<TransportEvents> m_events;
   BytesView m_piece;
   bool m_open = false;
+  bool m_congested = false;
 };
 
 // What the owner sees of the stream in reads of `step` bytes (0: all at once).
@@ -94,7 +103,8 @@ std::string Events(BytesView stream, std::size_t step, bool useCompression) {
   for (; !stream.empty(); stream = stream.subspan(std::min(step, stream.size()))) {
     first->Deliver(stream.first(std::min(step, stream.size())));
   }
-  if (socket.isBusy()) std::abort();
+  first->End();
+  if (socket.isBusy() || socket.readyState() != kStateClosed) std::abort();
   return log;
 }
 

@@ -128,7 +128,7 @@ class WebsocketState : public std::enable_shared_from_this<WebsocketState> {
   std::shared_ptr<TransportEvents> m_sink;  // what the present transport reports to
   std::shared_ptr<Transport> m_transport;
   std::uint64_t m_connection = 0;  // changes whenever another connection begins or everything is reset
-  bool m_answered = false;  // the answer is being acted on: what comes while its handlers wait is kept for later
+  bool m_answered = false;         // the answer is being acted on: what comes while its handlers wait is kept for later
   bool m_closing = false;
   bool m_dropped = false;
   bool m_sendingClose = false;
