@@ -115,7 +115,7 @@ class ExtensionWriter {
 void BeginHandshake(Context& context, std::uint32_t features) {
   context.handshake = std::make_unique<Handshake>();
   context.handshake->features = features;
-  context.handshake->renegotiation = context.handshakeWasComplete;
+  context.handshake->renegotiation = context.handshakesCompleted > 0;
   context.services->Random(context.handshake->localRandom);
 }
 

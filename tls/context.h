@@ -135,7 +135,7 @@ struct Context {
   Bytes remoteVerifyData;
   bool secureRenegotiation = false;
   bool extendedMasterSecret = false;
-  bool handshakeWasComplete = false;
+  std::uint32_t handshakesCompleted = 0;
 
   Protection local;   // sending
   Protection remote;  // receiving

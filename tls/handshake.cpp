@@ -236,7 +236,7 @@ void SendHandshake(Context& context, BytesView flight) {
 
 void CompleteHandshake(Context& context) {
   context.state = State::kPostHandshake;
-  context.handshakeWasComplete = true;
+  ++context.handshakesCompleted;
 }
 
 std::vector<std::uint16_t> ReadU16List(ByteReader& reader, const std::string& name) {

@@ -82,7 +82,7 @@ void Dispatch(Context& context, std::uint8_t type, BytesView content) {
 // Records that stay unprotected although receiving keys are active.
 bool StaysPlain(const Context& context, std::uint8_t type, std::size_t length) {
   if (type == content_type::kChangeCipherSpec) return context.remote.version == kVersionTls13 && length == 1;
-  return type == content_type::kAlert && length == 2 && !context.handshakeWasComplete &&
+  return type == content_type::kAlert && length == 2 && context.handshakesCompleted == 0 &&
          context.state < State::kPostHandshake;
 }
 

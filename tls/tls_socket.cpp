@@ -34,7 +34,7 @@ cTlsSocket::~cTlsSocket() = default;
 SocketError cTlsSocket::LastError() const {
   SocketError error;
   error.description = TlsGetLastError(m_context, error.number, error.source);
-  if (error.number != 0) return error;
+  if (m_context.lastError.number != 0) return error;  // also where the number told is 0
   const std::int32_t code = m_oSocket->LastError();
   return {code, code == 0 ? std::string() : GetErrorDescription(code), code == 0 ? "" : "cAsyncSocket"};
 }
@@ -51,10 +51,9 @@ bool cTlsSocket::pvFail(std::int32_t socketError) {
 }
 
 bool cTlsSocket::pvFailClosed() {
-  std::string source;
-  std::int32_t number = 0;
-  TlsGetLastError(m_context, number, source);
-  if (number == 0) m_oSocket->SetLastError(m_transportError != 0 ? m_transportError : platform::kWsaNotConnected);
+  if (m_context.lastError.number == 0) {
+    m_oSocket->SetLastError(m_transportError != 0 ? m_transportError : platform::kWsaNotConnected);
+  }
   return false;
 }
 
@@ -115,7 +114,7 @@ void cTlsSocket::pvForgetConnection() {
   fresh.localCertificates = std::move(m_context.localCertificates);
   fresh.localPrivateKey = std::move(m_context.localPrivateKey);
   m_context = std::move(fresh);
-  m_established = m_closeWaits = m_closeRaised = m_peerClosedCleanly = false;
+  m_established = m_readWaits = m_closeWaits = m_closeRaised = m_peerClosedCleanly = false;
   m_transportError = m_firedEvents = 0;
   m_ending = {};
   m_validatedCertificate.clear();

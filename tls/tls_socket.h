@@ -15,8 +15,10 @@
 #include "tls/peer_validation.h"
 #include "tls/tls_socket_events.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -28,7 +30,7 @@ constexpr std::uint32_t kFeatureAllVersions = 15;
 constexpr std::uint32_t kFeatureIgnoreCertificateErrors = 16;
 constexpr std::uint32_t kFeatureCheckRevocation = 32;
 
-// An error with number 0 is none.
+// None when it has neither number nor text. The number of a fatal alert 90 or 100 is 0.
 struct SocketError {
   std::int32_t number = 0;
   std::string description;
@@ -180,8 +182,8 @@ class cTlsSocket : public std::enable_shared_from_this<cTlsSocket>,
   // What a read pass met and has not told yet.
   struct Ending {
     bool pending = false;
-    std::int32_t error = 0;  // 0: no OnError
-    bool close = false;      // OnClose, after that
+    std::optional<std::int32_t> error;  // for OnError; 0 for some alerts
+    bool close = false;                 // OnClose, after that
   };
   using Handler = void (TlsSocketEvents::*)(cTlsSocket&);
 
@@ -223,7 +225,7 @@ class cTlsSocket : public std::enable_shared_from_this<cTlsSocket>,
   bool pvFail(std::int32_t socketError);
   // Of a connection that is over: the engine's error, else "not connected".
   bool pvFailClosed();
-  void pvResumeClose();
+  void pvResumeEvents();
 
   // Reading
   bool pvOnReceive(Reader reader);
@@ -232,16 +234,20 @@ class cTlsSocket : public std::enable_shared_from_this<cTlsSocket>,
   Step pvReceiveStep(BytesView input, Reader reader);
   Step pvHandshakeStep(BytesView input, Reader reader);
   void pvNoteEnding(bool good, bool closeAfterError);
+  void pvNoteSendFailure();
   bool pvPeerIsValid(CertificateError& error);
+  void pvRefusePeer(const CertificateError& error);
   bool pvFinishHandshake();
   bool pvTakePlain(Bytes& buffer, std::size_t limit);
-  std::size_t pvPlainLength() const { return m_plain.size() - m_plainTaken; }
+  // The engine has the buffer while it runs.
+  std::size_t pvPlainLength() const { return m_plain.size() - std::min(m_plainTaken, m_plain.size()); }
   void pvRearm();
 
   // Writing
   bool pvOnSend();
+  bool pvSealUnsent();
   bool pvDrained() const { return m_out.empty() && m_unsent.empty(); }
-  bool pvEstablished() const { return m_established && TlsIsReady(m_context); }
+  bool pvEstablished() const { return m_established && !m_validating && TlsIsReady(m_context); }
 
   // Waiting
   std::int32_t pvTimeout(std::int32_t timeout, std::int32_t optionName);
@@ -267,7 +273,8 @@ class cTlsSocket : public std::enable_shared_from_this<cTlsSocket>,
   Context m_context;
   bool m_established = false;  // OnConnect is due or raised: the peer's chain is valid
   bool m_validating = false;
-  bool m_closeWaits = false;  // the transport ended during the validation
+  bool m_readWaits = false;   // more came while the engine or the validation was at work
+  bool m_closeWaits = false;  // the transport ended meanwhile
   bool m_closeRaised = false;
   bool m_peerClosedCleanly = false;
   std::int32_t m_transportError = 0;  // ended the transport, or kept it from connecting
@@ -278,7 +285,7 @@ class cTlsSocket : public std::enable_shared_from_this<cTlsSocket>,
   std::int64_t m_lastSendBytes = 0;
   Bytes m_plain;                 // decrypted, for the owner
   std::size_t m_plainTaken = 0;  // bytes of it already handed out
-  Bytes m_unsent;                // plaintext that waits for the end of the handshake
+  Bytes m_unsent;                // plaintext that waits for the end of the handshake or of the engine's work
   Bytes m_out;                   // records for the transport
   std::size_t m_sendPosition = 0;
 

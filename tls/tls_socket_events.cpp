@@ -63,13 +63,13 @@ bool cTlsSocket::pvRaiseEnding() {
   if (!m_ending.pending) return true;
   const std::uint64_t generation = m_generation;
   const Ending ending = std::exchange(m_ending, {});
-  if (ending.error != 0) {
-    if (LastError().number != ending.error) m_oSocket->SetLastError(ending.error);
-    pvRaise(&TlsSocketEvents::OnError, ending.error, kFdRead);
+  if (ending.error) {
+    if (LastError().number != *ending.error) m_oSocket->SetLastError(*ending.error);
+    pvRaise(&TlsSocketEvents::OnError, *ending.error, kFdRead);
   }
   if (pvGoneSince(generation)) return false;
   if (ending.close) pvRaiseClose();
-  return ending.error == 0 && !pvGoneSince(generation);
+  return !ending.error && !pvGoneSince(generation);
 }
 
 bool cTlsSocket::FireOnClientCertificate(const std::vector<Bytes>& issuers) {
@@ -106,8 +106,13 @@ void cTlsSocket::BeforeNotify(cAsyncSocket& /*socket*/, std::int32_t eventMask, 
 
 void cTlsSocket::AfterNotify(cAsyncSocket& /*socket*/, std::int32_t eventMask) {
   if (!m_useTls) return pvRaise(&TlsSocketEvents::AfterNotify, eventMask);
+  if (eventMask != kFdRead || pvPlainLength() > 0) return;
   // While the engine or the validation is at work nothing is read; reading goes on behind them.
-  if (eventMask == kFdRead && pvPlainLength() == 0 && !m_context.busy && !m_validating) pvRearm();
+  if (m_context.busy || m_validating) {
+    m_readWaits = true;
+  } else {
+    pvRearm();
+  }
 }
 
 void cTlsSocket::OnAccept(cAsyncSocket& /*socket*/) {
@@ -119,7 +124,10 @@ void cTlsSocket::OnAccept(cAsyncSocket& /*socket*/) {
 void cTlsSocket::OnConnect(cAsyncSocket& /*socket*/) {
   if (!m_useTls) return pvRaise(&TlsSocketEvents::OnConnect);
   const Keep keep(*this, 1);
-  if (!pvStartClient()) pvRaiseEngineError(kFdConnect);
+  if (pvStartClient()) return;
+  if (m_context.lastError.number == 0) m_transportError = m_oSocket->LastError();
+  TlsClose(m_context);
+  pvRaiseEngineError(kFdConnect);
 }
 
 void cTlsSocket::OnReceive(cAsyncSocket& /*socket*/) {
@@ -161,8 +169,9 @@ void cTlsSocket::pvOnClose() {
   pvRaiseClose();
 }
 
-// The end of the transport that came while the engine or the validation was at work.
-void cTlsSocket::pvResumeClose() {
+// The transport's events that came while the engine or the validation was at work.
+void cTlsSocket::pvResumeEvents() {
+  if (std::exchange(m_readWaits, false)) pvRearm();
   if (std::exchange(m_closeWaits, false)) m_oSocket->PostEvent(kFdClose);
 }
 
@@ -234,41 +243,48 @@ bool cTlsSocket::pvOnReceive(Reader reader) {
 // Notes what the engine's call has ended.
 void cTlsSocket::pvNoteEnding(bool good, bool closeAfterError) {
   if (good && !TlsIsClosed(m_context)) return;
-  if (good) m_peerClosedCleanly = true;
-  std::int32_t number = 0;
-  std::string source;
-  if (!good) TlsGetLastError(m_context, number, source);
-  m_ending = {true, number, closeAfterError || number == 0};
+  if (good) {
+    // Before the first handshake is complete, anybody can say so.
+    m_peerClosedCleanly = m_context.handshakesCompleted > 0;
+    m_ending = {true, {}, true};
+  } else {
+    m_ending = {true, LastError().number, closeAfterError};
+  }
+}
+
+// What ended the connection before goes first.
+void cTlsSocket::pvNoteSendFailure() {
+  if (!m_ending.pending) m_ending = {true, m_transportError = m_oSocket->LastError(), false};
 }
 
 cTlsSocket::Step cTlsSocket::pvReceiveStep(BytesView input, Reader reader) {
-  const bool good = TlsReceive(m_context, input, m_plain, m_out);
+  const std::uint64_t generation = m_generation;
+  const bool good = TlsReceive(m_context, input, m_plain, m_out);  // may ask the owner for a certificate
+  if (pvGoneSince(generation)) return Step::kGone;
   pvNoteEnding(good, false);
-  const bool sent = pvOnSend();
-  if (!sent && !m_ending.pending) m_ending = {true, m_transportError = m_oSocket->LastError(), false};
+  if (!pvSealUnsent()) pvNoteEnding(false, false);
+  if (!pvOnSend()) pvNoteSendFailure();
+  pvResumeEvents();
   return reader == Reader::kClose && !input.empty() && !m_ending.pending ? Step::kMore : Step::kStop;
 }
 
 cTlsSocket::Step cTlsSocket::pvHandshakeStep(BytesView input, Reader reader) {
   const std::uint64_t generation = m_generation;
+  const std::uint32_t completed = m_context.handshakesCompleted;
   const bool good = TlsHandshake(m_context, input, m_out);  // may ask the owner for a certificate
   if (pvGoneSince(generation)) return Step::kGone;
   pvNoteEnding(good, true);
-  const bool sent = pvOnSend();
-  pvResumeClose();
-  if (!sent && !m_ending.pending) {
-    pvRaiseSendFailure(kFdRead);
-    if (pvGoneSince(generation)) return Step::kGone;
-  }
-  // A peer may send everything, its end included, in one go with the last message of the handshake.
-  const bool endedBehindIt = m_ending.pending && m_context.handshakeWasComplete && !m_established;
-  if (!TlsIsReady(m_context) && !endedBehindIt) {
+  const bool wasPending = m_ending.pending;
+  if (!pvOnSend()) pvNoteSendFailure();
+  pvResumeEvents();
+  const bool broken = m_ending.pending && !wasPending;
+  // A peer may send more in one go with the last message of the handshake: data, its end, the start of another one.
+  if (m_context.handshakesCompleted == completed || broken) {
     return reader == Reader::kClose && !m_ending.pending ? Step::kMore : Step::kStop;
   }
   if (!pvFinishHandshake()) return Step::kGone;
-  if (!m_ending.pending) return Step::kMore;
   if (!m_context.decrypted.empty()) (void)TlsReceive(m_context, {}, m_plain, m_out);
-  return Step::kStop;
+  return m_ending.pending ? Step::kStop : Step::kMore;
 }
 
 // --- The end of the handshake ----------------------------------------------------------------------------------------
@@ -304,6 +320,32 @@ bool cTlsSocket::pvPeerIsValid(CertificateError& error) {
   return valid;
 }
 
+// Ends the connection; nothing that waits goes out or is handed out.
+void cTlsSocket::pvRefusePeer(const CertificateError& error) {
+  TlsClose(m_context);
+  pvFail(error);
+  m_peerClosedCleanly = false;
+  m_ending = {};
+  m_context.decrypted.clear();
+  m_unsent.clear();
+  m_out.clear();
+  m_sendPosition = 0;
+  pvResumeEvents();
+  pvRaiseEngineError(kFdRead);
+}
+
+// Seals what waited, unless it has to wait on. False when the engine failed.
+bool cTlsSocket::pvSealUnsent() {
+  if (m_unsent.empty() || !pvEstablished()) return true;
+  const Bytes waiting = std::exchange(m_unsent, {});
+  m_firedEvents |= kFdWrite;       // a waiting SyncSendArray looks again
+  if (TlsIsShutdown(m_context)) {  // nothing follows this side's own end
+    m_plainSubmitted -= static_cast<std::int64_t>(waiting.size());
+    return true;
+  }
+  return TlsSend(m_context, waiting, m_out);
+}
+
 // Judges the peer, lets go what waited and tells the owner. False when the connection is not to go on.
 bool cTlsSocket::pvFinishHandshake() {
   const std::uint64_t generation = m_generation;
@@ -314,32 +356,20 @@ bool cTlsSocket::pvFinishHandshake() {
     const bool valid = pvPeerIsValid(error);
     if (pvGoneSince(generation)) return false;
     if (!valid) {
-      TlsClose(m_context);
-      pvFail(error);
-      m_ending = {};
-      m_context.decrypted.clear();
-      m_unsent.clear();
-      m_out.clear();
-      m_sendPosition = 0;
-      pvResumeClose();
-      pvRaiseEngineError(kFdRead);
+      pvRefusePeer(error);
       return false;
     }
-    pvResumeClose();
+    pvResumeEvents();
     if (TlsIsClosed(m_context) && !endedBefore) return false;  // the transport broke meanwhile
   }
   m_established = true;
-  if (!m_unsent.empty() && TlsIsReady(m_context)) {
-    const bool sealed = TlsSend(m_context, m_unsent, m_out);
-    m_unsent.clear();
-    if (!sealed) {
-      pvRaiseEngineError(kFdWrite);
-      return false;
-    }
+  if (!pvSealUnsent()) {
+    pvRaiseEngineError(kFdWrite);
+    return false;
   }
-  if (!pvOnSend()) {
+  if (!pvOnSend() && !m_ending.pending) {
     pvRaiseSendFailure(kFdWrite);
-    if (pvGoneSince(generation)) return false;
+    return false;
   }
   if (!first) return true;
   return pvNotify(kFdConnect, &TlsSocketEvents::OnConnect) &&

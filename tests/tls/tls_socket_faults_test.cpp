@@ -39,6 +39,10 @@ class TlsSocketFaults : public testing::TestWithParam<int>, protected TlsSocketF
                           m_owner->Saw("OnError 2747 8") || m_owner->Saw("OnError 2747 16") ||
                           m_owner->Saw("OnError 2747 32");
       EXPECT_TRUE(passed || raised) << testing::PrintToString(m_owner->events) << m_result;
+      const auto errors = std::count_if(m_owner->events.begin(), m_owner->events.end(), IsError);
+      EXPECT_LE(errors, 1) << testing::PrintToString(m_owner->events);
+      // Nothing is begun behind an error.
+      EXPECT_FALSE(errors > 0 && m_owner->events.back() == "OnSend") << testing::PrintToString(m_owner->events);
       EXPECT_TRUE(passed || reached);
       told += raised;
       const std::size_t events = m_owner->events.size();
@@ -59,16 +63,14 @@ class TlsSocketFaults : public testing::TestWithParam<int>, protected TlsSocketF
       return;
     }
   }
+  static bool IsError(const std::string& event) { return event.starts_with("OnError"); }
   bool Step(bool result, const std::shared_ptr<cTlsSocket>& socket) {
     if (!result) m_result = socket->LastError().number;
     return result;
   }
   // The condition, or an error in its place; nothing at all is a fault of ours.
   bool Arrives(const char* what, const std::function<bool()>& condition) {
-    const auto failed = [&] {
-      return std::any_of(m_owner->events.begin(), m_owner->events.end(),
-                         [](const std::string& seen) { return seen.starts_with("OnError"); });
-    };
+    const auto failed = [&] { return std::any_of(m_owner->events.begin(), m_owner->events.end(), IsError); };
     EXPECT_TRUE(Wait([&] { return condition() || failed(); })) << what << testing::PrintToString(m_owner->events);
     return condition() && !failed();
   }

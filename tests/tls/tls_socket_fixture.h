@@ -124,13 +124,21 @@ struct WirePeer {
 
   void Pump() {
     if (descriptor < 0) return;
+    if (!holdsBack) Read();
+    ssl.Run();
+    Flush();
+  }
+  void Read() {
     tls::Bytes part(65536);
-    for (ssize_t count = 0; !holdsBack && (count = recv(descriptor, part.data(), part.size(), MSG_DONTWAIT)) >= 0;) {
+    for (ssize_t count = 0; (count = recv(descriptor, part.data(), part.size(), MSG_DONTWAIT)) >= 0;) {
       atEnd |= count == 0;
       if (count == 0) break;
       ssl.Feed(tls::BytesView(part).first(static_cast<std::size_t>(count)));
     }
-    ssl.Run();
+  }
+  void Renegotiate() {
+    SSL_renegotiate(ssl.Handle());
+    SSL_do_handshake(ssl.Handle());
     Flush();
   }
   void Flush() {

@@ -355,9 +355,7 @@ TEST_P(TlsSocketTest, RenegotiationIsJudgedAgain) {
     m_judge->meanwhile = [&] { EXPECT_TRUE(m_socket->SendText("kept")); };
     const int asked = std::exchange(m_judge->asked, 0);
     EXPECT_EQ(asked, 1);
-    SSL_renegotiate(peer);
-    SSL_do_handshake(peer);
-    m_peer->Flush();
+    m_peer->Renegotiate();
     if (text.empty()) {
       ASSERT_TRUE(Wait([&] { return PeerText() == "kept"; }));
       EXPECT_EQ(m_judge->asked, 1);
@@ -366,11 +364,105 @@ TEST_P(TlsSocketTest, RenegotiationIsJudgedAgain) {
       ASSERT_TRUE(WaitFor("OnError 80040000 1"));
       EXPECT_EQ(m_socket->LastError().description, text);
       EXPECT_TRUE(m_socket->IsClosed());
+      Settle();
       EXPECT_EQ(PeerText(), "");
     }
     m_judge->meanwhile = nullptr;
     m_judge->asked = 0;
   }
+}
+
+// The server's last message of a renegotiation, data and its close_notify in one read.
+TEST_P(TlsSocketTest, RenegotiationIsJudgedBeforeTheEndBehindIt) {
+  if (GetParam() != TLS1_2_VERSION) return;
+  for (const bool valid : {true, false}) {
+    m_judge->valid = true;
+    ConnectPair();
+    m_judge->valid = valid;
+    m_peer->holdsBack = true;
+    m_peer->Renegotiate();
+    ASSERT_TRUE(Wait([&] { return m_socket->Engine().state == tls::State::kExpectServerHello; }));
+    Settle();
+    m_peer->Read();
+    m_peer->Flush();
+    ASSERT_TRUE(Wait([&] { return m_socket->Engine().state == tls::State::kExpectServerFinished; }));
+    Settle();
+    m_peer->Read();
+    m_peer->ssl.Send(View("last words"));
+    m_peer->CloseNotify();
+    ASSERT_TRUE(Wait([&] { return m_socket->IsClosed() && !m_owner->events.empty(); }));
+    Settle();
+    EXPECT_EQ(m_owner->events, valid ? (Events{"OnReceive", "OnClose 0"}) : Events{"OnError 80040000 1"});
+    EXPECT_EQ(std::exchange(m_owner->received, {}), valid ? "last words" : "");
+    EXPECT_EQ(m_socket->PeerClosedCleanly(), valid);
+  }
+}
+
+TEST_P(TlsSocketTest, WaitingSendGoesOnBehindARenegotiation) {
+  if (GetParam() != TLS1_2_VERSION) return;
+  ConnectPair();
+  m_peer->holdsBack = true;
+  m_peer->Renegotiate();
+  ASSERT_TRUE(Wait([&] { return m_socket->Engine().state == tls::State::kExpectServerHello; }));
+  m_peer->holdsBack = false;
+  EXPECT_TRUE(m_socket->SyncSendText("kept", 5000)) << m_socket->LastError().description;
+  EXPECT_TRUE(Wait([&] { return PeerText() == "kept"; }));
+}
+
+// What happens while the owner is asked for a certificate behind the handshake is dealt with behind the answer.
+TEST_P(TlsSocketTest, PostHandshakePromptLosesNothing) {
+  if (GetParam() != TLS1_3_VERSION) return;
+  for (const bool closes : {false, true}) {
+    PeerOptions options = ServerOptions();
+    options.postHandshakeAuth = true;
+    TlsSocketFixture::ConnectPair(options);
+    m_owner->certificate = [&](cTlsSocket& socket) {
+      EXPECT_TRUE(socket.SendText("kept"));
+      if (closes) {
+        m_listener.Close();
+        m_peer->descriptor.Close();
+      } else {
+        m_peer->Send("meanwhile");
+      }
+      Settle();
+      return false;
+    };
+    ASSERT_EQ(SSL_verify_client_post_handshake(m_peer->ssl.Handle()), 1);
+    SSL_do_handshake(m_peer->ssl.Handle());
+    m_peer->Flush();
+    if (closes) {
+      EXPECT_TRUE(Wait([&] { return m_owner->events.size() > 1; }));
+      EXPECT_EQ(m_owner->events[0], "OnClientCertificate");
+    } else {
+      EXPECT_TRUE(WaitFor("OnReceive"));
+      EXPECT_TRUE(Wait([&] { return PeerText() == "kept"; }));
+    }
+  }
+}
+
+TEST_P(TlsSocketTest, OwnCloseDuringTheValidationIsNoError) {
+  const int port = Serve(ServerOptions());
+  m_judge->meanwhile = [&] { EXPECT_TRUE(m_socket->Close_()); };
+  m_socket = NewSocket();
+  ASSERT_TRUE(m_socket->Connect("127.0.0.1", port));
+  ASSERT_TRUE(Wait([&] { return m_socket->Engine().state == tls::State::kExpectServerHello; }));
+  EXPECT_TRUE(m_socket->SendText("early"));
+  ASSERT_TRUE(Wait([&] { return m_peer->ssl.closeNotified; }));
+  Settle();
+  for (const std::string& event : m_owner->events) EXPECT_THAT(event, testing::Not(testing::StartsWith("OnError")));
+  EXPECT_EQ(PeerText(), "");
+}
+
+// The number of such an alert is 0, and it is an error all the same.
+TEST_P(TlsSocketTest, FatalUserCanceledIsTold) {
+  m_listener = Descriptor(PlainListener());
+  m_socket = NewSocket();
+  ASSERT_TRUE(m_socket->Connect("127.0.0.1", PortOf(m_listener)));
+  const Descriptor peer(PlainAccept(m_listener));
+  PlainSend(peer, std::string("\x15\3\3\0\2\2\x5A", 7));
+  ASSERT_TRUE(WaitFor("OnClose 0"));
+  EXPECT_EQ(m_owner->events, (Events{"OnError 0 1", "OnClose 0"}));
+  EXPECT_EQ(m_socket->LastError().description, "Received fatal alert. User canceled.");
 }
 
 // --- Server ----------------------------------------------------------------------------------------------------------
