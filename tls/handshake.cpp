@@ -95,7 +95,8 @@ void RequireHandshakeLimit(const Context& context, const Message& message) {
 }  // namespace
 
 void ParseHandshake(Context& context, BytesView content) {
-  if (context.state < State::kExpectServerHello) InvalidState(context.state);
+  const bool abandoned = context.state == State::kShutdown && context.handshakesCompleted == 0;
+  if (context.state < State::kExpectServerHello || abandoned) InvalidState(context.state);
   Bytes joined = std::move(context.reassembly);
   context.reassembly.clear();
   const bool reassembling = !joined.empty();

@@ -120,7 +120,9 @@ void ProcessRecord(Context& context, BytesView record) {
     }
     return Dispatch(context, opened.type, tail.View());
   }
-  if (context.state < State::kPostHandshake || !context.reassembly.empty()) UnexpectedRecord(opened.type);
+  // A close_notify before the handshake is complete leads to a state as late as that of a complete one.
+  const bool early = context.state < State::kPostHandshake || context.handshakesCompleted == 0;
+  if (early || !context.reassembly.empty()) UnexpectedRecord(opened.type);
   if (opened.size == 0) return CountIdle(context, opened.type);
   context.idleRecords = 0;
   tail.Keep();
