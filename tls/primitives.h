@@ -27,10 +27,12 @@ void pvTlsGetRandom(std::span<std::uint8_t> out);
 
 std::size_t DigestSize(Digest digest);
 
+// Overwritten when it goes: some are made of secrets.
 struct DigestValue {
   std::array<std::uint8_t, kMaxDigestSize> bytes{};
   std::size_t size = 0;
 
+  ~DigestValue() { platform::WipeMemory(bytes.data(), size); }
   BytesView View() const { return BytesView(bytes).first(size); }
 };
 
@@ -142,6 +144,8 @@ class PublicKey {
   const std::string& Algorithm() const;
   // Bytes of one coordinate of an elliptic-curve key, 0 for others.
   std::size_t CoordinateSize() const;
+  // Object identifier of an elliptic-curve key's named curve, empty for others.
+  const std::string& Curve() const;
   // `digest` of `content` against the signature; salt as long as the digest; ECDSA signatures in DER.
   [[nodiscard]] bool Verify(Padding padding, Digest digest, BytesView content, BytesView signature) const;
   // RSAES-PKCS1-v1_5. Nothing on failure.
