@@ -81,6 +81,7 @@ struct PublicKey::State {
   CertificatePointer certificate;
   EVP_PKEY* key = nullptr;  // the certificate's
   std::string algorithm;
+  std::string curve;
   std::size_t coordinateSize = 0;
 };
 
@@ -95,14 +96,19 @@ std::optional<PublicKey> PublicKey::FromCertificate(BytesView certificate) {
   state->certificate.reset(d2i_X509(nullptr, &position, static_cast<long>(certificate.size())));
   if (!state->certificate || position != certificate.data() + certificate.size()) return std::nullopt;
   state->key = X509_get0_pubkey(state->certificate.get());
-  ASN1_OBJECT* algorithm = nullptr;
-  if (state->key == nullptr || X509_PUBKEY_get0_param(&algorithm, nullptr, nullptr, nullptr,
+  X509_ALGOR* identifier = nullptr;
+  if (state->key == nullptr || X509_PUBKEY_get0_param(nullptr, nullptr, nullptr, &identifier,
                                                       X509_get_X509_PUBKEY(state->certificate.get())) != 1) {
     return std::nullopt;
   }
+  const ASN1_OBJECT* algorithm = nullptr;
+  const void* parameter = nullptr;
+  int parameterType = 0;
+  X509_ALGOR_get0(&algorithm, &parameterType, &parameter, identifier);
   state->algorithm = AlgorithmText(algorithm);
   if (EVP_PKEY_get_base_id(state->key) == EVP_PKEY_EC) {
     state->coordinateSize = static_cast<std::size_t>(EVP_PKEY_get_bits(state->key) + 7) / 8;
+    if (parameterType == V_ASN1_OBJECT) state->curve = AlgorithmText(static_cast<const ASN1_OBJECT*>(parameter));
   }
   return PublicKey(std::move(state));
 }
@@ -112,6 +118,9 @@ const std::string& PublicKey::Algorithm() const {
 }
 std::size_t PublicKey::CoordinateSize() const {
   return m_state->coordinateSize;
+}
+const std::string& PublicKey::Curve() const {
+  return m_state->curve;
 }
 
 bool PublicKey::Verify(Padding padding, Digest digest, BytesView content, BytesView signature) const {

@@ -23,10 +23,16 @@ std::optional<ProtocolFailure> KeyMismatch(const SignatureScheme& scheme, const 
   const std::string_view wanted = ecdsa ? oid::kEcPublicKey : scheme.signingKey;
   const bool suiteFits =
       rules.authentication == Authentication::kAny || (rules.authentication == Authentication::kEcdsa) == ecdsa;
-  if (key.Algorithm() != wanted || !suiteFits) {
-    return ProtocolFailure{fmt::format("Unsupported public key OID ({})", key.Algorithm()), alert::kHandshakeFailure};
-  }
+  const auto unsupported = [](std::string_view identifier) {
+    return ProtocolFailure{fmt::format("Unsupported public key OID ({})", identifier), alert::kHandshakeFailure};
+  };
+  if (key.Algorithm() != wanted || !suiteFits) return unsupported(key.Algorithm());
   if (!ecdsa) return std::nullopt;
+  // Other curves have coordinates of the same sizes, and no code point of these schemes (RFC 8446 §4.2.3).
+  const std::string& curve = key.Curve();
+  if (curve != oid::kSecp256r1 && curve != oid::kSecp384r1 && curve != oid::kSecp521r1) {
+    return unsupported(curve.empty() ? key.Algorithm() : curve);
+  }
   // TLS 1.3 binds the curve to the scheme, TLS 1.2 does not.
   const std::size_t size = key.CoordinateSize();
   const bool sizeFits = rules.tls13 ? size == DigestSize(scheme.digest) : size == 32 || size == 48;

@@ -427,6 +427,45 @@ TEST(TlsEngine, ShutdownOnceAndThenNoMore) {
   EXPECT_EQ(context.state, State::kClosed);
 }
 
+// A close_notify of one's own does not make the rest of the server's flight trustworthy.
+TEST(TlsEngine, ShutdownDoesNotCompleteAHandshake) {
+  for (const std::uint8_t type : {content_type::kApplicationData, content_type::kHandshake}) {
+    Scenario scenario;
+    Bytes out;
+    const Bytes content = type == content_type::kHandshake ? FromHex("1800000100") : FromHex("41");
+    scenario.Run(Scenario::Under::kClient, kFeatureTls13, [&](std::vector<test::Item>& items) {
+      if (items.size() > 1) items.resize(1);  // the ServerHello alone
+    });
+    ASSERT_EQ(scenario.client.state, State::kExpectExtensions);
+    ASSERT_TRUE(TlsShutdown(scenario.client, out));
+    Bytes plaintext;
+    EXPECT_FALSE(TlsReceive(scenario.client, test::Encode({{type, kVersionTls13, content}}, false), plaintext, out));
+    EXPECT_EQ(plaintext, Bytes());
+    EXPECT_EQ(scenario.client.lastError.description, type == content_type::kHandshake
+                                                         ? "Invalid state for handshake content (Shutdown)"
+                                                         : "Unexpected record type (23)");
+  }
+}
+
+TEST(TlsEngine, EcdsaSchemesTakeTheirCurvesAlone) {
+  const std::pair<KeyKind, const char*> kRows[] = {
+      {KeyKind::kP256, "Invalid certificate signature"},
+      {KeyKind::kP384, "Unsupported curve size (48)"},
+      {KeyKind::kSecp256k1, "Unsupported public key OID (1.3.132.0.10)"},
+      {KeyKind::kBrainpool256, "Unsupported public key OID (1.3.36.3.3.2.8.1.1.7)"},
+      {KeyKind::kRsa2048, "Unsupported public key OID (1.2.840.113549.1.1.1)"},
+  };
+  for (const auto& [kind, text] : kRows) {
+    for (const bool tls13 : {true, false}) {
+      const auto failure =
+          pvTlsSignatureVerify(SystemCrypto(), IdentityOf(kind).certificate, 0x0403, {.tls13 = tls13}, {}, {});
+      ASSERT_TRUE(failure);
+      EXPECT_EQ(failure->description, tls13 || kind != KeyKind::kP384 ? text : "Invalid certificate signature");
+      EXPECT_EQ(failure->alert, 40);
+    }
+  }
+}
+
 TEST(TlsEngine, HelpersRaiseTheirErrors) {
   static const Bytes kDigest(32);
   static const Identity& own = IdentityOf(KeyKind::kP256);

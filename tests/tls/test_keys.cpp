@@ -21,6 +21,10 @@ EVP_PKEY* MakeKey(KeyKind kind) {
       return EVP_EC_gen("P-256");
     case KeyKind::kP384:
       return EVP_EC_gen("P-384");
+    case KeyKind::kSecp256k1:
+      return EVP_EC_gen("secp256k1");
+    case KeyKind::kBrainpool256:
+      return EVP_EC_gen("brainpoolP256r1");
     case KeyKind::kRsa2048:
       return EVP_RSA_gen(2048);
     case KeyKind::kRsa4096:
@@ -104,6 +108,10 @@ std::string KindName(KeyKind kind) {
       return "RSA 4096";
     case KeyKind::kRsaPss:
       return "RSA-PSS";
+    case KeyKind::kSecp256k1:
+      return "secp256k1";
+    case KeyKind::kBrainpool256:
+      return "brainpoolP256r1";
   }
   return "";
 }

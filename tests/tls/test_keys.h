@@ -7,7 +7,7 @@
 
 namespace quenmark::test {
 
-enum class KeyKind { kP256, kP384, kRsa2048, kRsa4096, kRsaPss };
+enum class KeyKind { kP256, kP384, kRsa2048, kRsa4096, kRsaPss, kSecp256k1, kBrainpool256 };
 
 struct Identity {
   tls::Bytes certificate;  // DER
