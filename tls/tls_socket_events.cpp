@@ -123,6 +123,7 @@ void cTlsSocket::OnAccept(cAsyncSocket& /*socket*/) {
 
 void cTlsSocket::OnConnect(cAsyncSocket& /*socket*/) {
   if (!m_useTls) return pvRaise(&TlsSocketEvents::OnConnect);
+  if (TlsIsStarted(m_context)) return;  // StartTls behind a waiting connect was earlier than its event
   const Keep keep(*this, 1);
   if (pvStartClient()) return;
   if (m_context.lastError.number == 0) m_transportError = m_oSocket->LastError();
