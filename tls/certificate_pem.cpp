@@ -61,16 +61,21 @@ class Base64Reader {
 
 }  // namespace
 
-std::optional<std::vector<SecretBuffer>> ReadPemBlocks(std::string_view text, std::string_view type) {
+std::optional<std::vector<SecretBuffer>> ReadPemBlocks(std::string_view text, std::string_view type, PemFaults faults) {
   const std::string begin = "-----BEGIN " + std::string(type) + "-----";
   const std::string end = "-----END " + std::string(type) + "-----";
   std::vector<SecretBuffer> blocks;
   std::optional<Base64Reader> block;
   bool readable = true;
+  const bool skips = faults == PemFaults::kSkip;
   const auto takeLine = [&](std::string_view line) {
-    if (!block) {
-      if (line.find(begin) != std::string_view::npos) block.emplace();
-      return true;
+    if (!block || skips) {
+      const bool opens = line.find(begin) != std::string_view::npos;
+      if (opens) {
+        block.emplace();
+        readable = true;
+      }
+      if (!block || opens) return true;
     }
     if (line.find(':') != std::string_view::npos) return true;
     if (line.find(end) == std::string_view::npos) {
@@ -79,7 +84,7 @@ std::optional<std::vector<SecretBuffer>> ReadPemBlocks(std::string_view text, st
     }
     auto bytes = block->Finish();
     block.reset();
-    if (!readable || !bytes) return false;
+    if (!readable || !bytes) return skips;
     blocks.push_back(*std::move(bytes));
     return true;
   };

@@ -75,12 +75,12 @@ class SystemCertificates final : public CertificateServices {
     return std::chrono::duration_cast<std::chrono::seconds>(m_clock.Now().time_since_epoch()).count();
   }
 
-  // The system's anchors, parsed when they are first asked for.
+  // The system's anchors, parsed when they are first asked for. A damaged one costs no other.
   std::shared_ptr<const RootStore> SystemRoots() {
     if (m_systemRoots) return m_systemRoots;
     std::vector<Bytes> certificates;
-    const auto blocks = ReadPemBlocks(platform::LoadTrustAnchors(), kPemCertificate);
-    for (const auto& block : blocks ? *blocks : std::vector<platform::SecretBuffer>{}) {
+    const auto blocks = ReadPemBlocks(platform::LoadTrustAnchors(), kPemCertificate, PemFaults::kSkip);
+    for (const auto& block : *blocks) {
       certificates.emplace_back(block.begin(), block.end());
     }
     m_systemRoots = MakeRootStore(certificates, true);
