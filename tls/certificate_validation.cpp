@@ -176,7 +176,8 @@ bool BuildPath(const ChainCheck& check, const ParsedRoots& roots, X509* leaf, ST
   if (X509_STORE_CTX_set_purpose(context.get(), server ? X509_PURPOSE_SSL_SERVER : X509_PURPOSE_SSL_CLIENT) != 1) {
     return false;
   }
-  if (X509_verify_cert(context.get()) < 1 && path.verdicts.empty()) return false;
+  const int result = X509_verify_cert(context.get());
+  if (result < 0 || (result == 0 && path.verdicts.empty())) return false;
   path.certificates.reset(X509_STORE_CTX_get1_chain(context.get()));
   return path.certificates != nullptr && sk_X509_num(path.certificates.get()) > 0;
 }
