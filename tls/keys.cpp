@@ -23,7 +23,8 @@ constexpr int kWrapIterations = 2048;
 
 SecretBuffer pvPkiExportRsaPrivateKey(evp_pkey_st* key, CertificateError& error) {
   SecretBuffer der;
-  if (EVP_PKEY_get_base_id(key) == EVP_PKEY_RSA) {
+  const int kind = EVP_PKEY_get_base_id(key);
+  if (kind == EVP_PKEY_RSA || kind == EVP_PKEY_RSA_PSS) {
     if (const Pkcs8Pointer info{EVP_PKEY2PKCS8(key)}) {
       der = detail::Encode<SecretBuffer, const PKCS8_PRIV_KEY_INFO*>(i2d_PKCS8_PRIV_KEY_INFO, info.get());
     }

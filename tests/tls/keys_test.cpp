@@ -86,7 +86,7 @@ TEST_F(KeysTest, PemImportTakesAllCertificatesAndThePreferredKey) {
 }
 
 TEST_F(KeysTest, Pkcs12GivesTheLeafFirstAndItsKey) {
-  for (const auto kind : {KeyKind::kP256, KeyKind::kRsa2048}) {
+  for (const auto kind : {KeyKind::kP256, KeyKind::kRsa2048, KeyKind::kRsaPss}) {
     const auto& leaf = IdentityOf(kind);
     const auto& other = IdentityOf(KeyKind::kP384);
     Put("leaf.pem", leaf.certificatePem + leaf.privateKeyPem);
@@ -100,7 +100,9 @@ TEST_F(KeysTest, Pkcs12GivesTheLeafFirstAndItsKey) {
       const auto key = PrivateKey::Decode(m_identity.privateKey);
       ASSERT_TRUE(key);
       const auto content = test::FromHex("0102");
-      const auto padding = kind == KeyKind::kP256 ? Padding::kNone : Padding::kPkcs1;
+      const auto padding = kind == KeyKind::kP256     ? Padding::kNone
+                           : kind == KeyKind::kRsaPss ? Padding::kPss
+                                                      : Padding::kPkcs1;
       const auto signature = key->Sign(padding, Digest::kSha256, content);
       ASSERT_TRUE(signature);
       EXPECT_TRUE(PublicKey::FromCertificate(leaf.certificate)->Verify(padding, Digest::kSha256, content, *signature));
