@@ -147,8 +147,8 @@ class Client final : public tls::TlsSocketEvents {
   void OnReceive(cTlsSocket& socket) override {
     Active();
     if (!socket.ReceiveArray(m_buffer)) return;
-    std::fwrite(m_buffer.data(), 1, m_buffer.size(), stdout);
-    if (std::fflush(stdout) != 0) Fail("standard output cannot be written");
+    const std::size_t written = std::fwrite(m_buffer.data(), 1, m_buffer.size(), stdout);
+    if (written != m_buffer.size() || std::fflush(stdout) != 0) Fail("standard output cannot be written");
   }
   void OnSend(cTlsSocket& /*socket*/) override {
     Active();
@@ -156,14 +156,17 @@ class Client final : public tls::TlsSocketEvents {
   }
   void OnClose(cTlsSocket& socket) override {
     if (socket.PeerClosedCleanly() && m_connected) return End(kExitClean);
-    if (socket.LastError().number != 0) return End(kExitTls);
-    fmt::print(stderr, "feeder-probe: the peer ended the connection without close_notify\n");
-    m_exit = kExitTls;
-    m_loop.Quit();
+    if (socket.Engine().lastError.number != 0) return End(kExitTls);
+    Fail("the peer ended the connection without close_notify", kExitTls);
   }
-  void OnError(cTlsSocket& socket, std::int32_t errorCode, std::int32_t /*eventMask*/) override {
-    const bool network = errorCode == socket.Socket()->LastError() || !socket.UseTls();
-    End(network ? kExitNetwork : kExitTls);
+  void OnError(cTlsSocket& socket, std::int32_t /*errorCode*/, std::int32_t /*eventMask*/) override {
+    const tls::Context& engine = socket.Engine();
+    const bool failed = engine.lastError.number != 0;
+    if (!m_connected && !m_ended && engine.protocolVersion != 0) {
+      const bool refused = failed && engine.handshakesCompleted > 0;
+      fmt::print(stderr, "{}\n", Facts(socket, refused ? "invalid" : "unchecked"));
+    }
+    End(failed ? kExitTls : kExitNetwork);
   }
 
  private:
@@ -179,10 +182,10 @@ class Client final : public tls::TlsSocketEvents {
     if (exit != kExitClean) PrintError(*m_socket);
     m_loop.Quit();
   }
-  void Fail(std::string_view text) {
+  void Fail(std::string_view text, int exit = kExitNetwork) {
     if (std::exchange(m_ended, true)) return;
     fmt::print(stderr, "feeder-probe: {}\n", text);
-    m_exit = kExitNetwork;
+    m_exit = exit;
     m_loop.Quit();
   }
   void OnInput(std::span<const std::uint8_t> data) {

@@ -100,7 +100,10 @@ TEST_F(FeederProbe, ClientSaysHowItWent) {
        "version=1.2 suite=ECDHE-ECDSA-AES128-GCM-SHA256 group=Curve25519 scheme=ECDSA_SECP256R1_SHA256 alpn=b "
        "chain=valid"},
       {{"-www"}, {"--insecure"}, 0, "chain=unchecked"},
-      {{"-www"}, {}, 1, "feeder-probe: The certificate or certificate chain is based on an untrusted root\n"},
+      {{"-www"},
+       {},
+       1,
+       "chain=invalid\nfeeder-probe: The certificate or certificate chain is based on an untrusted root\n"},
       {{"-www"},
        ca + Words{"--name", "other"},
        1,
@@ -208,6 +211,43 @@ TEST_F(FeederProbe, ServerSaysHowItWent) {
   Run("openssl", {"s_client", "-connect", Port(), "-tls1_2"});
   EXPECT_EQ(m_server->Wait(), 1);
   EXPECT_THAT(m_server->ErrorText(), HasSubstr("alert=Protocol version"));
+
+  // A close_notify that anybody could have sent.
+  Serve({"--once", "--cert", m_identity});
+  const Descriptor stranger(PlainConnect(std::stoi(m_port)));
+  PlainSend(stranger, std::string("\x15\3\3\0\2\1\0", 7));
+  EXPECT_EQ(m_server->Wait(), 1);
+}
+
+TEST_F(FeederProbe, ClientSaysThatItsOutputIsLost) {
+  Serve({"--cert", m_identity});
+  const Outcome outcome =
+      Run("sh", {"-c", std::string(kProbe) + " tls " + Port() + " --insecure >/dev/full"}, std::string(100'000, 'x'));
+  EXPECT_EQ(outcome.status, 3);
+  EXPECT_THAT(outcome.error, HasSubstr("standard output cannot be written"));
+}
+
+TEST_F(FeederProbe, VerifiesAChain) {
+  struct Case {
+    Words words;
+    int status;
+    const char* text;
+  };
+  const Case kCases[] = {
+      {{"--host", "localhost", "--roots", m_certificate, m_certificate}, 0, "valid\n"},
+      {{"--host", "other", m_certificate}, 1, "No certificate subject name matches target host name\n"},
+      {{"--host", "localhost", "--roots", m_certificate, "--time", "2101-01-01T00:00:00Z", m_certificate},
+       1,
+       "The certificate has expired\n"},
+      {{"--host", "localhost", m_folder.File("missing")}, 2, ""},
+      {{"--host", "localhost", "--time", "tomorrow", m_certificate}, 2, ""},
+  };
+  for (const Case& one : kCases) {
+    const Outcome outcome = Probe(Words{"verify"} + one.words);
+    EXPECT_EQ(outcome.status, one.status) << outcome.error;
+    EXPECT_EQ(outcome.output, one.text);
+    EXPECT_EQ(outcome.error.empty(), one.status != 2);
+  }
 }
 
 }  // namespace
