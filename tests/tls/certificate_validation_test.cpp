@@ -9,6 +9,7 @@
 #include "tls/certificate_services.h"
 #include "tls/certificate_verify.h"
 #include "tls/keys.h"
+#include "tls/tls_socket.h"
 
 #include <gtest/gtest.h>
 
@@ -146,10 +147,51 @@ TEST(CertificateGallery, EachCertificateGetsItsVerdictAndText) {
 }
 
 TEST(CertificateGallery, SystemRootsIncludeTheFileOfTheEnvironment) {
-  setenv("SSL_CERT_FILE", Gallery::Get().File("root.pem").c_str(), 1);
+  // What is damaged in it costs nothing else.
+  const std::string begin = "-----BEGIN CERTIFICATE-----\n";
+  const std::string end = "-----END CERTIFICATE-----\n";
+  platform::SalvarArquivo(Gallery::Get().File("damaged.pem"),
+                          begin + "?\n" + end + begin + "YWJj\n" + end + begin + "never closed\n" +
+                              platform::ReadWholeFile(Gallery::Get().File("root.pem")) + begin);
+  setenv("SSL_CERT_FILE", Gallery::Get().File("damaged.pem").c_str(), 1);
   EXPECT_EQ(Gallery::Get().Verify("good middle", "good.test", ""), kValid);
   EXPECT_EQ(Gallery::Get().Verify("good middle", "good.test", "other-root"), kIncompleteText);
   unsetenv("SSL_CERT_FILE");
+}
+
+// The same verdicts through the socket, from a server that sends those chains.
+TEST(CertificateGallery, TheSocketTellsTheVerdict) {
+  struct Row {
+    std::string name;
+    std::string issuer;
+    std::uint32_t features;
+    std::string text;
+  };
+  const Row rows[] = {
+      {"good", "middle", 0, ""},
+      {"wildcard", "middle", 0, kWrongName},
+      {"from-other", "other-root", 0, kUntrusted},
+      {"outside", "constrained", 0, Mask("4000")},
+      {"revoked", "middle-listed", kFeatureCheckRevocation, kRevokedText},
+  };
+  auto& gallery = Gallery::Get();
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    test::ChildProcess server(
+        "openssl", {"s_server", "-www", "-accept", "127.0.0.1:0", "-cert", gallery.File(row.name + ".pem"), "-key",
+                    gallery.File(row.name + ".key"), "-cert_chain", gallery.File(row.issuer + ".pem")});
+    const std::string accept = "ACCEPT 127.0.0.1:";
+    auto line = server.ReadLine();
+    while (line && !line->starts_with(accept)) line = server.ReadLine();
+    ASSERT_TRUE(line) << server.ErrorText();
+    const auto socket = cTlsSocket::New(gallery.Loop(), MakeCertificateServices(gallery.Loop()));
+    ASSERT_TRUE(socket->PkiPemImportRootCaCertStore(gallery.File("root.pem")));
+    ASSERT_TRUE(socket->SyncConnect("127.0.0.1", std::stoi(line->substr(accept.size())), 10'000, false));
+    EXPECT_EQ(socket->SyncStartTls("good.test", 10'000, row.features), row.text.empty());
+    EXPECT_EQ(socket->LastError().description, row.text);
+    EXPECT_EQ(socket->IsClosed(), !row.text.empty());
+    socket->Socket()->Close_();
+  }
 }
 
 TEST(CertificateValidation, SentencesInTheirOrder) {
