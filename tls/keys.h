@@ -21,7 +21,7 @@ using platform::SecretBuffer;
 // RSA keys as PKCS#8, NIST curves as ECPrivateKey; other keys fail. A key that does not give its bytes is tried again
 // as a copy that may be exported.
 SecretBuffer pvPkiExportPrivateKey(evp_pkey_st* key, CertificateError& error);
-// PKCS#8 with algorithm 1.2.840.113549.1.1.1 (RFC 5208).
+// PKCS#8 with algorithm 1.2.840.113549.1.1.1, or 1.2.840.113549.1.1.10 for an RSA-PSS key (RFC 5208, RFC 4055).
 SecretBuffer pvPkiExportRsaPrivateKey(evp_pkey_st* key, CertificateError& error);
 // ECPrivateKey (RFC 5915) for P-256, P-384 and P-521.
 SecretBuffer pvPkiExportEccPrivateKey(evp_pkey_st* key, CertificateError& error);
