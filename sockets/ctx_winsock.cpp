@@ -6,6 +6,7 @@
 
 #include <fmt/format.h>
 
+#include <limits>
 #include <utility>
 
 namespace quenmark::sockets {
@@ -119,7 +120,7 @@ void ctxWinsock::pvRelease() {
   ++m_generation;
   if (m_socket != nullptr) m_socket->SetEvents({});
   m_socket.reset();
-  m_accepted = m_connectRaised = false;
+  m_accepted = m_connectRaised = m_closeWaits = false;
   m_tlsSubmitted = 0;
 }
 
@@ -298,9 +299,11 @@ void ctxWinsock::Accept(std::int32_t requestId) {
     m_shared->socket.reset();
     pvAdopt(socket);
     m_accepted = true;
-    // What has arrived since the connection was offered is notified now.
-    if (!socket->Socket()->AsyncSelect(platform::kFdAll)) pvReport(pvFaultOf(socket->LastError()), true);
-    return;
+    // What has arrived since the connection was offered is notified now, and what a read by the request's handler has
+    // seen of it is told.
+    if (!socket->Socket()->AsyncSelect(platform::kFdAll)) return pvReport(pvFaultOf(socket->LastError()), true);
+    m_closeWaits = socket->IsClosed();
+    return pvPostAfterRead();
   }
   platform::SystemSocketApi systemApi;
   platform::SocketApi& api = m_services.api != nullptr ? *m_services.api : systemApi;
@@ -342,20 +345,31 @@ void ctxWinsock::OnConnect(cTlsSocket& socket) {
 
 void ctxWinsock::OnClose(cTlsSocket& socket) {
   if (&socket != m_socket.get()) return;
+  m_closeWaits = true;
+  if (m_reads > 0) return;  // the call that waits takes what it needs; the rest is offered when it has ended
   const Keep keep(*this, 1);
+  pvEndConnection();
+}
+
+// Needs a Keep.
+void ctxWinsock::pvEndConnection() {
   const std::uint64_t generation = m_generation;
-  // What TLS has decrypted and nobody has read comes before the end.
-  for (std::int32_t left = m_reads == 0 ? socket.AvailableBytes() : 0, before = left + 1; left > 0 && left < before;) {
-    before = left;
-    pvRaise(&WinsockEvents::DataArrival, left);
+  const auto socket = m_socket;
+  m_closeWaits = false;
+  // What TLS has decrypted and nobody has read comes before the end, for as long as the handler takes some of it.
+  std::size_t before = std::numeric_limits<std::size_t>::max();
+  for (std::int32_t available = 0; (available = socket->AvailableBytes()) > 0;) {
+    const std::size_t unread = static_cast<std::size_t>(available) + m_receiveBuffer.size();
+    if (unread >= before) break;
+    before = unread;
+    pvRaise(&WinsockEvents::DataArrival, available);
     if (pvGoneSince(generation)) return;
-    left = socket.AvailableBytes();
   }
   pvSetState(kStateClosing);
   pvRaise(&WinsockEvents::Close);
   if (pvGoneSince(generation)) return;
   pvRelease();
-  socket.Close_();
+  socket->Close_();
   pvSetState(kStateClosed);
 }
 

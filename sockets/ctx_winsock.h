@@ -112,7 +112,8 @@ class ctxWinsock : public std::enable_shared_from_this<ctxWinsock>, private tls:
   void Listen(std::string_view certFiles = {}, std::string_view pkcs12File = {}, std::string_view password = {},
               const std::vector<tls::Bytes>& certificates = {}, tls::BytesView privateKey = {});
   // Takes the connection of the ConnectionRequest in progress, or else a second handle of that socket. State stays 0
-  // until the connection's first event, which raises Connect; what SendData is given before that is kept.
+  // until the connection's first event, which raises Connect; what SendData is given before that is kept. What reads of
+  // the request's handler have left is told like any arrival; a TLS connection that failed in one is just closed.
   void Accept(std::int32_t requestId);
   void Bind(std::int32_t localPort = 0, std::string_view localIp = {});
   // Text goes out in Windows-1252.
@@ -160,6 +161,7 @@ class ctxWinsock : public std::enable_shared_from_this<ctxWinsock>, private tls:
   std::shared_ptr<tls::cTlsSocket> pvSocket();
   void pvAdopt(std::shared_ptr<tls::cTlsSocket> socket);
   void pvRelease();
+  void pvEndConnection();
 
   // Faults
   Fault pvFaultOf(std::int32_t code) const;
@@ -202,6 +204,7 @@ class ctxWinsock : public std::enable_shared_from_this<ctxWinsock>, private tls:
   std::shared_ptr<tls::cTlsSocket> m_socket;
   bool m_accepted = false;       // the socket came by Accept
   bool m_connectRaised = false;  // for the socket
+  bool m_closeWaits = false;     // the socket has ended and Close is still to be raised
 
   std::uint64_t m_generation = 0;  // changes with the socket
   long m_keeps = 0;                // references that are Keeps, or an event's

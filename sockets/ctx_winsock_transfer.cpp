@@ -150,13 +150,11 @@ Bytes ctxWinsock::pvReadSocket(std::int32_t maxLen) {
   if (m_incoming != nullptr && maxLen >= 0) socket->Socket()->AsyncSelect(platform::kFdAll);
   Bytes bytes;
   if (maxLen < 0 && socket->AvailableBytes() < 1) return bytes;
-  const std::uint64_t generation = m_generation;
   {
     const Counted reading(m_reads);
     (void)socket->SyncReceiveArray(bytes, std::max(maxLen, 0), m_timeout);
   }
-  // Events that arrived during the wait, and a DataArrival for what TLS has decrypted beyond the bytes taken.
-  if (maxLen >= 0 && m_reads == 0 && socket == m_socket && !pvGoneSince(generation)) pvPostAfterRead();
+  if ((maxLen >= 0 || m_closeWaits) && m_reads == 0 && m_socket != nullptr) pvPostAfterRead();
   return bytes;
 }
 
@@ -184,7 +182,8 @@ void ctxWinsock::PeekData(WinsockData& data, std::int32_t type, std::int32_t max
   pvPut(data, type, std::move(bytes));
 }
 
-// What a read may have left behind is looked at when its caller has had the data.
+// What a read has left behind is told when its caller has had the data, and so is what the reads of a request's handler
+// have left to whoever took the connection.
 void ctxWinsock::pvPostAfterRead() {
   if (m_window == 0) {
     m_window = m_loop.CreateHiddenWindow({}, [weak = weak_from_this()](const platform::Message&) {
@@ -194,13 +193,18 @@ void ctxWinsock::pvPostAfterRead() {
   m_loop.Post({m_window, platform::kMessageUser, 0, 0});
 }
 
+// Events that arrived during the wait, a DataArrival for what TLS has decrypted beyond the bytes taken, and the end.
 void ctxWinsock::pvAfterRead() {
   if (m_socket == nullptr || m_reads > 0) return;
   const Keep keep(*this, 1);
   const std::uint64_t generation = m_generation;
   const auto socket = m_socket;
-  socket->Socket()->SyncProcessMsgQueue();
-  if (pvGoneSince(generation) || m_state != kStateConnected || !socket->UseTls()) return;
+  const bool isOpen = !socket->UseTls() || socket->Engine().handshakeWasComplete;
+  if (m_accepted && m_state == kStateClosed && isOpen) pvRaiseConnect();
+  if (!pvGoneSince(generation)) socket->Socket()->SyncProcessMsgQueue();
+  if (pvGoneSince(generation)) return;
+  if (m_closeWaits) return pvEndConnection();
+  if (m_state != kStateConnected || !socket->UseTls()) return;
   const std::int32_t available = socket->AvailableBytes();
   if (available > 0) pvRaise(&WinsockEvents::DataArrival, available);
 }

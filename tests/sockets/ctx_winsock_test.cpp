@@ -326,6 +326,30 @@ TEST_F(CtxWinsockTest, DataBeforeTheFirstEventIsKept) {
   }
 }
 
+// Whoever takes a connection is told what the request's handler has met when it read from it.
+TEST_F(CtxWinsockTest, AcceptedAfterARead) {
+  const std::string request = "GET / HTTP/1.0\r\n\r\n";
+  for (const std::int32_t protocol : {sockets::kProtocolTcp, sockets::kProtocolTls}) {
+    Listen(protocol);
+    std::string taken;
+    m_server.act = [&](const std::string& event) {
+      if (event != "ConnectionRequest") return;
+      taken = m_server.Get(99);
+      m_client.control->Accept(m_server.request);
+    };
+    m_peer = Descriptor(PlainConnect(m_server.control->LocalPort()));
+    PlainSend(m_peer, request);
+    m_peer.Close();
+    ASSERT_TRUE(WaitFor(m_client, "Close"));
+    const bool isTls = protocol == sockets::kProtocolTls;
+    EXPECT_EQ(taken, isTls ? "" : request);
+    EXPECT_EQ(m_client.events, isTls ? Names{"Close"} : (Names{"Connect", "Close"}));
+    EXPECT_EQ(m_client.control->State(), 0);
+    m_client.events.clear();
+    m_server.control->Close_();
+  }
+}
+
 TEST_F(CtxWinsockTest, AcceptedByTheListenerItself) {
   Listen(sockets::kProtocolTcp);
   m_server.act = [&](const std::string& event) {
@@ -355,6 +379,40 @@ TEST_F(CtxWinsockTest, RefusedOrForeignRequests) {
   ASSERT_TRUE(WaitFor(second, "Connect"));
   second.control->SendData("still here");
   EXPECT_EQ(PlainReceive(m_peer, 10), "still here");
+}
+
+// --- Programs from outside -------------------------------------------------------------------------------------------
+
+TEST_F(CtxWinsockTest, ClientOfAnotherServer) {
+  ChildProcess server("/usr/bin/python3", {"-u", "-m", "http.server", "--bind", "127.0.0.1", "0"});
+  const std::string line = server.ReadLine().value_or("");  // Serving HTTP on 127.0.0.1 port 12345 (http://...
+  const std::size_t port = line.find("port ");
+  ASSERT_NE(port, std::string::npos) << line;
+  m_client.control->Connect("127.0.0.1", std::atoi(line.c_str() + port + 5));
+  ASSERT_TRUE(WaitFor(m_client, "Connect"));
+  m_client.control->SendData("HEAD / HTTP/1.0\r\n\r\n");
+  ASSERT_TRUE(WaitFor(m_client, "Close"));
+  EXPECT_THAT(m_client.received, testing::AllOf(testing::StartsWith("HTTP/1.0 200 "), testing::EndsWith("\r\n\r\n")));
+}
+
+TEST_F(CtxWinsockTest, ServerOfOtherClients) {
+  Listen(sockets::kProtocolTcp);
+  const std::string peer = fmt::format("127.0.0.1/{}", m_server.control->LocalPort());
+  const Names clients[] = {
+      {"bash", "-c", "exec 3<>/dev/tcp/" + peer + "; printf 'GET\r\n\r\n' >&3; tail -c 6 <&3"},
+      {"curl", "-s", "--noproxy", "*", "http://127.0.0.1:" + std::to_string(m_server.control->LocalPort())}};
+  m_client.act = [&](const std::string& event) {
+    if (event != "DataArrival" || !m_client.received.ends_with("\r\n\r\n")) return;
+    m_client.control->SendData("HTTP/1.0 200 OK\r\n\r\nanswer");
+    m_client.control->Close_();
+  };
+  for (const Names& command : clients) {
+    ChildProcess client(command[0], {command.begin() + 1, command.end()});
+    ASSERT_TRUE(Wait([&] { return !client.Running(); })) << command[0];
+    EXPECT_EQ(client.ReadAll(), "answer") << command[0];
+    EXPECT_TRUE(m_client.received.starts_with("GET")) << command[0];
+    m_client.received.clear();
+  }
 }
 
 // --- Properties ------------------------------------------------------------------------------------------------------

@@ -106,19 +106,91 @@ TEST_F(CtxWinsockTls, ServerOfOtherClients) {
   }
 }
 
-// What has been decrypted when the peer ends the connection is offered before Close.
-TEST_F(CtxWinsockTls, UnreadDataComesBeforeTheClose) {
-  Listen(sockets::kProtocolTls);
-  m_client.reads = false;
-  m_client.act = [&](const std::string& event) {
-    if (event.starts_with("DataArrival")) m_client.received += m_client.Get(4);
+// A client that sends its data and close_notify in one segment, after a word from the server when it is told to wait.
+constexpr const char* kOneSegmentClient = R"(
+import socket, ssl, sys
+received, sent = ssl.MemoryBIO(), ssl.MemoryBIO()
+context = ssl.SSLContext(ssl.PROTOCOL_TLS_CLIENT)
+context.check_hostname, context.verify_mode = False, ssl.CERT_NONE
+transport = socket.create_connection(("127.0.0.1", int(sys.argv[1])))
+tls = context.wrap_bio(received, sent)
+def complete(step):
+  while True:
+    try:
+      return step()
+    except ssl.SSLWantReadError:
+      transport.sendall(sent.read())
+      received.write(transport.recv(65536))
+complete(tls.do_handshake)
+transport.sendall(sent.read())
+if sys.argv[2] == "wait": complete(lambda: tls.read(2))
+tls.write(b"question\n")
+try: tls.unwrap()
+except ssl.SSLError: pass
+transport.sendall(sent.read())
+while transport.recv(65536): pass
+)";
+
+// Whoever reads when the data and the end of the connection arrive: nothing is lost, and Close comes last.
+TEST_F(CtxWinsockTls, DataComesBeforeTheEndThatArrivesWithIt) {
+  std::string text;
+  const auto go = [&] { m_client.control->SendData("go"); };
+  const auto readSome = [&] { text += m_client.Get(4); };
+  const auto readAll = [&] { text += m_client.Get(); };
+  struct Case {
+    const char* name;
+    std::function<void()> request, connect, arrival;
   };
-  const ChildProcess peer("gnutls-cli",
-                          {"--insecure", "--port", std::to_string(m_server.control->LocalPort()), "127.0.0.1"},
-                          {{}, {}, "question\n"});  // then it closes
-  ASSERT_TRUE(WaitFor(m_client, "Close"));
-  EXPECT_EQ(m_client.received, "question\n");
-  EXPECT_EQ(m_client.events.back(), "Close");
+  const Case cases[] = {
+      {"nobody waits", {}, go, readSome},
+      {"GetData waits",
+       {},
+       [&] {
+         go();
+         readSome();
+       },
+       readAll},
+      {"PeekData waits",
+       {},
+       [&] {
+         go();
+         EXPECT_EQ(m_client.Peek(4), "ques");
+       },
+       readAll},
+      {"the handler of the request reads", [&] { text = m_server.Get(4); }, [] {}, readAll},
+      {"PeekData and GetData by turns",
+       {},
+       go,
+       [&] {
+         EXPECT_EQ(m_client.Peek(3), "que");
+         EXPECT_EQ(m_client.Peek(), "stion\n");
+         readSome();
+         EXPECT_EQ(text, "ques");
+         readAll();
+       }},
+  };
+  m_client.reads = false;
+  for (const Case& each : cases) {
+    Listen(sockets::kProtocolTls);
+    m_server.act = [&](const std::string& event) {
+      if (event != "ConnectionRequest") return;
+      if (each.request) each.request();
+      m_client.control->Accept(m_server.request);
+    };
+    m_client.act = [&](const std::string& event) {
+      if (event == "Connect") each.connect();
+      if (event.starts_with("DataArrival")) each.arrival();
+    };
+    const ChildProcess peer("/usr/bin/python3", {"-c", kOneSegmentClient, std::to_string(m_server.control->LocalPort()),
+                                                 each.request ? "" : "wait"});
+    ASSERT_TRUE(WaitFor(m_client, "Close")) << each.name;
+    EXPECT_EQ(text, "question\n") << each.name;
+    EXPECT_EQ(std::count(m_client.events.begin(), m_client.events.end(), "Connect"), 1) << each.name;
+    EXPECT_EQ(m_client.events.back(), "Close") << each.name;
+    text.clear();
+    m_client.events.clear();
+    m_server.control->Close_();
+  }
 }
 
 // Everything a TLS socket has taken is out before SendComplete, also when the peer reads no further for a while.
