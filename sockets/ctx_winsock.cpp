@@ -97,6 +97,7 @@ void ctxWinsock::pvRaiseConnect() {
 
 // --- The socket ------------------------------------------------------------------------------------------------------
 
+// nullptr when there is none and making one has failed, which is reported.
 std::shared_ptr<cTlsSocket> ctxWinsock::pvSocket() {
   if (m_incoming != nullptr) return m_incoming;
   if (m_socket != nullptr) return m_socket;
@@ -104,10 +105,10 @@ std::shared_ptr<cTlsSocket> ctxWinsock::pvSocket() {
   const bool datagrams = m_protocol == kProtocolUdp;
   if (socket->Create(0, datagrams ? platform::kSockDatagram : platform::kSockStream, platform::kFdAll, {})) {
     pvAdopt(socket);
-  } else {
-    pvReport(pvFaultOf(socket->LastError()), true);
+    return socket;
   }
-  return socket;
+  pvReport(pvFaultOf(socket->LastError()), true);
+  return nullptr;
 }
 
 void ctxWinsock::pvAdopt(std::shared_ptr<cTlsSocket> socket) {
@@ -179,14 +180,15 @@ void ctxWinsock::Timeout(std::int32_t value) {
 }
 
 platform::SocketHandle ctxWinsock::SocketHandle() {
-  return pvSocket()->SocketHandle();
+  const auto socket = pvSocket();
+  return socket == nullptr ? platform::kInvalidSocket : socket->SocketHandle();
 }
 
 std::string ctxWinsock::LocalHostName() {
   std::string name;
   std::string address;
   std::vector<platform::AdapterAddress> adapters;
-  pvSocket()->GetLocalHost(name, address, adapters);
+  if (const auto socket = pvSocket()) socket->GetLocalHost(name, address, adapters);
   return name;
 }
 
@@ -194,23 +196,24 @@ std::string ctxWinsock::LocalIP() {
   std::string name;
   std::string address;
   std::vector<platform::AdapterAddress> adapters;
-  pvSocket()->GetLocalHost(name, address, adapters);
+  if (const auto socket = pvSocket()) socket->GetLocalHost(name, address, adapters);
   return address;
 }
 
 std::string ctxWinsock::RemoteHostIP() {
   std::string address;
   std::int32_t port = 0;
-  pvSocket()->GetPeerName(address, port);
+  if (const auto socket = pvSocket()) socket->GetPeerName(address, port);
   return address;
 }
 
 std::int32_t ctxWinsock::SockOpt(std::int32_t optionName, std::int32_t level) {
-  return pvSocket()->Socket()->SockOpt(optionName, level);
+  const auto socket = pvSocket();
+  return socket == nullptr ? 0 : socket->Socket()->SockOpt(optionName, level);
 }
 
 void ctxWinsock::SockOpt(std::int32_t optionName, std::int32_t level, std::int32_t value) {
-  pvSocket()->Socket()->SetSockOpt(optionName, value, level);
+  if (const auto socket = pvSocket()) socket->Socket()->SetSockOpt(optionName, value, level);
 }
 
 void ctxWinsock::ReadProperties(PropertyBag& bag) {
@@ -264,6 +267,7 @@ void ctxWinsock::Connect(std::string_view remoteHost, std::int32_t remotePort, s
   if (remotePort != 0) m_remotePort = remotePort;
   pvSetState(kStateResolvingHost);
   const auto socket = pvSocket();
+  if (socket == nullptr) return;
   m_connectRaised = false;
   if (!socket->Connect(m_remoteHost, m_remotePort, m_protocol == kProtocolTls, localFeatures)) {
     return pvReport(pvFaultOf(socket->LastError()), true);
@@ -275,6 +279,7 @@ void ctxWinsock::Listen(std::string_view certFiles, std::string_view pkcs12File,
                         const std::vector<tls::Bytes>& certificates, tls::BytesView privateKey) {
   const Keep keep(*this);
   const auto socket = pvSocket();
+  if (socket == nullptr) return;
   if (m_protocol == kProtocolTls && !socket->InitServerTls(certFiles, pkcs12File, password, certificates, privateKey)) {
     return pvReport(pvFaultOf(socket->LastError()), true);
   }
@@ -287,6 +292,7 @@ void ctxWinsock::Bind(std::int32_t localPort, std::string_view localIp) {
   Close_();
   if (localPort != 0) m_localPort = localPort;
   const auto socket = pvSocket();
+  if (socket == nullptr) return;
   if (!socket->Bind(localIp, m_localPort)) return pvReport(pvFaultOf(socket->LastError()), true);
   pvSetState(kStateOpen);
 }

@@ -198,7 +198,7 @@ class ctxWinsock : public std::enable_shared_from_this<ctxWinsock>, private tls:
   std::uint64_t m_sendEpoch = 0;    // changes when it is emptied
   std::int64_t m_sendDropped = 0;   // bytes sent and no longer in it
   std::int64_t m_tlsSubmitted = 0;  // bytes the TLS socket has taken
-  bool m_sending = false;
+  int m_sending = 0;                // running send steps, one at most
 
   std::shared_ptr<tls::cTlsSocket> m_incoming;  // while its ConnectionRequest runs
   std::shared_ptr<tls::cTlsSocket> m_socket;

@@ -58,6 +58,7 @@ void Append(Bytes& to, BytesView bytes) {
 void ctxWinsock::SendData(const WinsockData& data) {
   const Keep keep(*this);
   const auto socket = pvSocket();
+  if (socket == nullptr) return;
   if (const auto* text = std::get_if<std::string>(&data)) {
     Append(m_sendBuffer, cTlsSocket::ToTextArray(*text, platform::kCodePageSystem));
   } else if (const auto* bytes = std::get_if<Bytes>(&data)) {
@@ -70,12 +71,13 @@ void ctxWinsock::SendData(const WinsockData& data) {
 
 // A step within a step, from a handler, leaves the sending to the outer one.
 void ctxWinsock::pvSendStep() {
-  if (m_sending) return;
+  if (m_sending > 0) return;
   const Keep keep(*this);
   const std::uint64_t generation = m_generation;
-  m_sending = true;
-  pvSendLoop(generation);
-  m_sending = false;
+  {
+    const Counted sending(m_sending);
+    pvSendLoop(generation);
+  }
   if (pvGoneSince(generation) || m_sendBuffer.empty() || m_sendPosition < m_sendBuffer.size()) return;
   if (!pvEverythingIsOut(*pvSocket())) return;  // OnSend follows
   pvClearSendBuffer();
@@ -85,7 +87,7 @@ void ctxWinsock::pvSendStep() {
 void ctxWinsock::pvSendLoop(std::uint64_t generation) {
   if (m_state == kStateClosed) pvRaiseConnect();
   const auto socket = pvGoneSince(generation) ? nullptr : pvSocket();
-  while (!pvGoneSince(generation) && m_sendPosition < m_sendBuffer.size()) {
+  while (socket != nullptr && !pvGoneSince(generation) && m_sendPosition < m_sendBuffer.size()) {
     const std::uint64_t epoch = m_sendEpoch;
     const std::int32_t sent = pvSendOnce(*socket);
     if (sent < 0) {
@@ -146,6 +148,7 @@ void ctxWinsock::pvPut(WinsockData& data, std::int32_t type, Bytes bytes) {
 
 Bytes ctxWinsock::pvReadSocket(std::int32_t maxLen) {
   const auto socket = pvSocket();
+  if (socket == nullptr) return {};
   // A connection that is only offered is not notified of until somebody takes it, or reads from it.
   if (m_incoming != nullptr && maxLen >= 0) socket->Socket()->AsyncSelect(platform::kFdAll);
   Bytes bytes;

@@ -1,4 +1,5 @@
 #include "tests/sockets/ctx_winsock_fixture.h"
+#include "tests/sockets/faulty_socket_api.h"
 #include "tests/support/child_process.h"
 
 namespace quenmark::test {
@@ -89,6 +90,40 @@ TEST_F(CtxWinsockTest, ResetByThePeer) {
   m_client.control->Close_();
   Settle();
   EXPECT_EQ(m_client.events.size(), 1u);
+}
+
+// A socket that cannot be made is reported once, and nothing goes on without it.
+TEST_F(CtxWinsockTest, WithoutASocket) {
+  FaultySocketApi api;
+  const std::function<void(ctxWinsock&)> calls[] = {[](ctxWinsock& control) { control.Connect("127.0.0.1", 1); },
+                                                    [](ctxWinsock& control) { control.Bind(); },
+                                                    [](ctxWinsock& control) { control.Listen(); },
+                                                    [](ctxWinsock& control) { control.SendData("data"); },
+                                                    [](ctxWinsock& control) { control.SocketHandle(); },
+                                                    [](ctxWinsock& control) { control.LocalIP(); },
+                                                    [](ctxWinsock& control) { control.SockOpt(4); },
+                                                    [](ctxWinsock& control) {
+                                                      WinsockData data = std::string();
+                                                      control.GetData(data, 0, 1);
+                                                    }};
+  for (const auto& call : calls) {
+    for (const bool cancels : {false, true}) {
+      Logged logged(ctxWinsock::New(m_loop, m_certificates, {&api, {}}));
+      logged.cancels = cancels;
+      api.failAt = api.calls + 1;
+      if (cancels) {
+        EXPECT_NO_THROW(call(*logged.control));
+      } else {
+        EXPECT_THROW(call(*logged.control), RunTimeError);
+      }
+      Settle();
+      EXPECT_THAT(logged.events, ElementsAre("Error 10055 2747"));
+      EXPECT_EQ(logged.control->State(), 9);
+      EXPECT_TRUE(api.open.empty());
+      // The next call makes one.
+      EXPECT_NE(logged.control->SocketHandle(), platform::kInvalidSocket);
+    }
+  }
 }
 
 // Whichever event it is dropped in, the control says no more and nothing of it is touched.
