@@ -7,7 +7,9 @@
 #include "providers/http_requests.h"
 #include "providers/text_pieces.h"
 
+#include <algorithm>
 #include <charconv>
+#include <optional>
 #include <utility>
 
 namespace quenmark::feeder {
@@ -16,11 +18,37 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr auto kPauseBetween = 10ms;
-constexpr auto kLongestFetch = 10s;
+constexpr std::chrono::milliseconds kLongestFetch = 10s;  // with its redirects
+constexpr int kMostRedirects = 5;
 constexpr auto kAgain = 1h;
 constexpr std::size_t kLongestSymbol = 64;   // bytes
 constexpr std::size_t kMostSymbols = 20000;  // remembered
 constexpr std::string_view kPngSignature("\x89PNG\r\n\x1A\n", 8);
+
+// False when no head of an answer comes.
+bool Ask(platform::HttpStream& stream, const std::string& address) {
+  const auto parts = platform::ParseAddress(address);
+  if (!parts || !parts->IsHttp()) return false;
+  int port = 0;
+  std::from_chars(parts->port.data(), parts->port.data() + parts->port.size(), port);
+  const std::size_t path = address.find('/', address.find("//") + 2);
+  const std::string object = address.substr(path, address.find('#', path) - path);
+  return stream.Open(providers::BuildUserAgent()) && stream.Connect(parts->host, port) &&
+         stream.OpenRequest("GET", object, parts->scheme == "https") && stream.Send({});
+}
+
+// The body; nothing when it is not complete in time, or too large.
+std::optional<std::string> ReadBody(platform::HttpStream& stream, platform::MonotonicTime deadline) {
+  std::string body;
+  std::string piece;
+  while (body.size() <= NewsIcons::kLargestIcon) {
+    const auto end = stream.Read(piece, NewsIcons::kLargestIcon, deadline);
+    if (end == platform::HttpStream::ReadEnd::kEnd) return body;
+    if (end != platform::HttpStream::ReadEnd::kData) break;
+    body += piece;
+  }
+  return std::nullopt;
+}
 
 }  // namespace
 
@@ -66,36 +94,33 @@ void NewsIcons::FetchNext() {
   if (!m_queue.empty()) m_next.SetEnabled(true);
 }
 
+// The source has answered even when its answer is of no use.
 NewsIcons::Outcome NewsIcons::Fetch(const std::string& symbol) {
-  const std::string address = m_context.hosts.icons + "/ico/?s=" + providers::InQuery(symbol);
-  const auto parts = platform::ParseAddress(address);
-  int port = 0;
-  if (!parts || !parts->IsHttp()) return Outcome::kNoAnswer;
-  std::from_chars(parts->port.data(), parts->port.data() + parts->port.size(), port);
-  const std::string object = address.substr(address.find('/', address.find("//") + 2));
-
   if (m_client == nullptr) m_client = platform::MakeHttpClient(m_context.loop, providers::BuildUserAgent());
-  const auto stream = m_client->CreateStream();
-  const platform::MonotonicTime deadline = m_context.clock.Monotonic() + kLongestFetch;
-  if (!stream->Open(providers::BuildUserAgent()) || !stream->Connect(parts->host, port) ||
-      !stream->OpenRequest("GET", object, parts->scheme == "https") || !stream->Send({})) {
-    return Outcome::kNoAnswer;
-  }
-  if (stream->StatusCode() != 200) return Outcome::kDone;
-  std::string icon;
-  std::string piece;
-  for (auto end = platform::HttpStream::ReadEnd::kData; end == platform::HttpStream::ReadEnd::kData;) {
-    end = stream->Read(piece, kLargestIcon, deadline);
-    if (end == platform::HttpStream::ReadEnd::kTimeUp || end == platform::HttpStream::ReadEnd::kFailed) {
-      return Outcome::kNoAnswer;
+  platform::HttpLimits limits = providers::ReadHttpLimits(m_context.store);
+  const auto now = [this] { return m_context.clock.Monotonic(); };
+  const platform::MonotonicTime deadline = now() + std::min(limits.totalTimeout, kLongestFetch);
+  std::string address = m_context.hosts.icons + "/ico/?s=" + providers::InQuery(symbol);
+  for (int redirects = 0; redirects <= kMostRedirects && !address.empty(); ++redirects) {
+    limits.totalTimeout = std::chrono::ceil<std::chrono::milliseconds>(deadline - now());
+    m_client->SetLimits(limits);
+    const auto stream = m_client->CreateStream();
+    if (!Ask(*stream, address)) return redirects == 0 ? Outcome::kNoAnswer : Outcome::kDone;
+    const auto icon = ReadBody(*stream, deadline);
+    if (!icon) return Outcome::kDone;
+    if (stream->StatusCode() == 200) {
+      SaveIcon(symbol, *icon);
+      return Outcome::kDone;
     }
-    if (end == platform::HttpStream::ReadEnd::kData) icon += piece;
-    if (icon.size() > kLargestIcon) return Outcome::kDone;
+    address = stream->RedirectAddress();
   }
-  if (!icon.starts_with(kPngSignature)) return Outcome::kDone;
+  return Outcome::kDone;
+}
+
+void NewsIcons::SaveIcon(std::string_view symbol, const std::string& icon) {
+  if (!icon.starts_with(kPngSignature)) return;
   platform::IgnoreErrors([&] { platform::CreatePrivateFolders(m_context.programFolder + "/Files/Img"); });
   platform::IgnoreErrors([&] { platform::SalvarArquivo(FileOf(symbol), icon); });
-  return Outcome::kDone;
 }
 
 }  // namespace quenmark::feeder

@@ -22,7 +22,7 @@ class NewsIcons {
 
   // Sees to it that the symbols of a comma list have icons. Missing ones are fetched later, from the loop. A symbol
   // that would lead out of the folder is passed over; one without an icon is asked for again after an hour, and so is a
-  // source that does not answer.
+  // source that does not answer. Redirects are followed.
   void Want(std::string_view symbols);
   bool Busy() const { return m_fetching || !m_queue.empty(); }
 
@@ -31,6 +31,7 @@ class NewsIcons {
 
   void FetchNext();
   Outcome Fetch(const std::string& symbol);
+  void SaveIcon(std::string_view symbol, const std::string& icon);
   std::string FileOf(std::string_view symbol) const;
 
   providers::Context& m_context;

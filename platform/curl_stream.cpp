@@ -68,6 +68,7 @@ class CurlStream final : public HttpStream, private CurlTransfer {
   int StatusCode() const override { return m_statusCode; }
   const std::string& StatusText() const override { return m_statusText; }
   std::int64_t ContentLength() const override { return m_contentLength; }
+  std::string RedirectAddress() const override;
 
   ReadEnd Read(std::string& piece, std::size_t most, MonotonicTime deadline) override;
 
@@ -159,6 +160,13 @@ bool CurlStream::Send(std::string_view body) {
   loop.WaitUntil([this] { return m_headComplete || m_result.has_value(); },
                  loop.TheClock().Monotonic() + m_limits.totalTimeout);
   return m_headComplete;
+}
+
+std::string CurlStream::RedirectAddress() const {
+  const char* location = nullptr;
+  if (m_handle && IsRedirect(m_statusCode)) curl_easy_getinfo(m_handle.get(), CURLINFO_REDIRECT_URL, &location);
+  if (location == nullptr) return {};
+  return RedirectTarget(ParseAddress(m_address).value(), location).value_or("");
 }
 
 HttpStream::ReadEnd CurlStream::Read(std::string& piece, std::size_t most, MonotonicTime deadline) {

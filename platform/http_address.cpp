@@ -76,6 +76,17 @@ std::string WithoutUser(const std::string& address) {
   return Part(url, CURLUPART_URL);
 }
 
+bool IsRedirect(int status) {
+  return (status >= 301 && status <= 303) || status == 307 || status == 308;
+}
+
+std::optional<std::string> RedirectTarget(const HttpAddress& from, std::string_view location) {
+  std::string target = WithoutUser(EscapeAddress(location));
+  const std::optional<HttpAddress> to = ParseAddress(target);
+  if (!to || !to->IsHttp() || (from.scheme == "https" && to->scheme != "https")) return std::nullopt;
+  return target;
+}
+
 bool IsLoopbackAddress(const std::string& address) {
   const std::optional<HttpAddress> parsed = ParseAddress(address);
   if (!parsed) return false;

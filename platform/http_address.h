@@ -28,6 +28,11 @@ std::string EscapeAddress(std::string_view address);
 std::optional<HttpAddress> ParseAddress(const std::string& address);
 // The address without a user and password in it.
 std::string WithoutUser(const std::string& address);
+// Statuses of redirects that are followed.
+bool IsRedirect(int status);
+// Where a redirect from there leads, escaped and without a user and password, as a server must not choose credentials
+// that go to another one. Nothing when it must not be followed: only to http and https, and never from https to http.
+std::optional<std::string> RedirectTarget(const HttpAddress& from, std::string_view location);
 // Whether its host is localhost or a loopback number.
 bool IsLoopbackAddress(const std::string& address);
 

@@ -222,20 +222,17 @@ void Exchange::Follow(Hop& hop) {
 
 // Where the answer to the hop leads, nothing when it is the last one.
 std::optional<Exchange::Hop> Exchange::Redirect(const Hop& hop) const {
-  const bool repeats = m_status == 307 || m_status == 308;
-  if (!repeats && m_status != 301 && m_status != 302 && m_status != 303) return std::nullopt;
+  if (!IsRedirect(m_status)) return std::nullopt;
   const char* location = nullptr;
   curl_easy_getinfo(m_handle.get(), CURLINFO_REDIRECT_URL, &location);
   if (location == nullptr) return std::nullopt;
+  const std::optional<std::string> target = RedirectTarget(hop.address, location);
+  if (!target) Raise(kHttpRedirectFailed, "The redirect leads to an address that is not allowed", hop.address);
   Hop next = hop;
-  // A server must not choose credentials that go to another one.
-  next.url = WithoutUser(EscapeAddress(location));
-  const std::optional<HttpAddress> address = ParseAddress(next.url);
-  if (!address || !address->IsHttp() || (hop.address.scheme == "https" && address->scheme != "https")) {
-    Raise(kHttpRedirectFailed, "The redirect leads to an address that is not allowed", hop.address);
-  }
-  next.address = *address;
-  next.sameOrigin = hop.sameOrigin && address->SameOrigin(hop.address);
+  next.url = *target;
+  next.address = ParseAddress(*target).value();
+  next.sameOrigin = hop.sameOrigin && next.address.SameOrigin(hop.address);
+  const bool repeats = m_status == 307 || m_status == 308;
   if ((!repeats && hop.method == "POST") || (m_status == 303 && hop.method != "HEAD")) {
     next.method = "GET";
     next.body.clear();

@@ -40,6 +40,10 @@ class HttpStream {
   virtual const std::string& StatusText() const = 0;
   virtual std::int64_t ContentLength() const = 0;
 
+  // Where the answer, when it is complete, redirects to; "" when it does not, or to an address that must not be
+  // followed (RedirectTarget).
+  virtual std::string RedirectAddress() const = 0;
+
   // The next piece, at most `most` bytes, into `piece`. Waits for it until the deadline.
   virtual ReadEnd Read(std::string& piece, std::size_t most, MonotonicTime deadline) = 0;
   virtual void Close() = 0;

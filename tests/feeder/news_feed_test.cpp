@@ -2,11 +2,13 @@
 
 #include "platform/files.h"
 #include "tests/support/feeder_fixture.h"
+#include "tests/support/plain_socket.h"
 #include "tests/support/trusted_server.h"
 #include "tls/certificate_services.h"
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
+#include <sys/socket.h>
 
 #include <filesystem>
 #include <random>
@@ -249,6 +251,7 @@ TEST_F(News, FetchesTheIconsItLacks) {
   // What is no icon is not kept, and not asked for again before an hour has passed.
   const HttpAnswer others[] = {{.status = 404, .body = kPng},
                                {.body = "<html>"},
+                               {.raw = "HTTP/1.1 200 OK\r\nContent-Length: 99\r\n\r\n" + kPng},  // cut
                                {.body = kPng + std::string(feeder::NewsIcons::kLargestIcon, 'x')}};
   int id = 100;
   for (const HttpAnswer& other : others) {
@@ -260,12 +263,59 @@ TEST_F(News, FetchesTheIconsItLacks) {
     }
     EXPECT_FALSE(platform::FileExists(folderOfIcons + symbol + "_ico.png"));
   }
-  EXPECT_EQ(icons.Seen().size(), 5u);
+  EXPECT_EQ(icons.Seen().size(), 6u);
   clock.Advance(std::chrono::hours{1});
   icons.Put("/ico/", {.body = kPng});
   PollAnswering(json::array({Item(++id, {{"symbol", "S100"}})}));
   ASSERT_TRUE(loop.WaitUntil(idle, clock.Monotonic() + std::chrono::seconds{20}));
   EXPECT_TRUE(platform::FileExists(folderOfIcons + "S100_ico.png"));
+}
+
+TEST_F(News, FollowsTheIconsRedirects) {
+  HttpServer icons;
+  HttpServer other;
+  const Descriptor taken(PlainSocket(SOCK_STREAM));  // bound, but nobody listens
+  other.Put("/to", {.status = 301, .headers = {{"Location", "/icon"}}});
+  other.Put("/icon", {.body = kPng});
+  struct Case {
+    std::string from, to;
+    std::size_t asked;  // of the servers with icons
+    bool found;
+  };
+  const Case cases[] = {{icons.Address(""), other.Address("/to"), 3, true},
+                        {server.Address(""), server.Address("/to"), 0, true},
+                        {server.Address(""), other.Address("/icon"), 0, false},  // not from https to http
+                        {icons.Address(""), fmt::format("http://127.0.0.1:{}/", PortOf(taken)), 1, false},
+                        {icons.Address(""), "ftp://127.0.0.1/icon", 1, false},
+                        {icons.Address(""), "/ico/", 6, false}};  // round and round
+  server.Put("/to", {.body = kPng});
+  int id = 0;
+  for (const Case& each : cases) {
+    const std::size_t before = icons.Seen().size() + other.Seen().size();
+    context.hosts.icons = each.from;
+    for (HttpServer* source : {&icons, &server}) {
+      source->Put("/ico/", {.status = 302, .headers = {{"Location", each.to}}});
+    }
+    const std::string symbol = fmt::format("S{}", ++id);
+    PollAnswering(json::array({Item(id, {{"symbol", symbol}})}));
+    ASSERT_TRUE(loop.WaitUntil([this] { return !feed.Fetching(); }, clock.Monotonic() + std::chrono::minutes{1}));
+    EXPECT_EQ(icons.Seen().size() + other.Seen().size() - before, each.asked) << each.to;
+    EXPECT_EQ(platform::FileExists(folder.File("Files/Img/" + symbol + "_ico.png")), each.found) << each.to;
+  }
+}
+
+// A source that says nothing costs one request's time, and is then left alone for an hour.
+TEST_F(News, AnIconSourceThatDoesNotAnswer) {
+  HttpServer icons;
+  context.hosts.icons = icons.Address("");
+  store->SaveSetting("Quenmark", "Hosts", "TotalTimeoutMs", "300");
+  icons.Put("/ico/", {.after = "/never"});
+  for (const std::size_t asked : {1u, 1u, 2u}) {
+    if (asked == 2) clock.Advance(std::chrono::hours{1});
+    PollAnswering(json::array({Item(1, {{"symbol", "A,B,C"}})}));
+    ASSERT_TRUE(loop.WaitUntil([this] { return !feed.Fetching(); }, clock.Monotonic() + std::chrono::seconds{20}));
+    EXPECT_EQ(icons.Seen().size(), asked);
+  }
 }
 
 }  // namespace
