@@ -54,7 +54,9 @@ void NewsFeed::Poll() {
   IgnoreErrors([&] { id = IdText(m_context.store.GetSetting(kChartApp, kNewsSection, kLastId)); });
   m_tsock->hOpen("GET", m_context.hosts.news + "/news/?id=" + id, true);
   IgnoreErrors([&] { m_tsock->setRequestHeader("Accept", "application/json"); });
-  IgnoreErrors([&] { m_tsock->setRequestHeader("Authorization", "Basic " + m_context.serviceCredential); });
+  // A line end in the credential must not cost the header.
+  const auto credential = providers::WithoutCharacters(m_context.serviceCredential, std::string_view("\r\n\0", 3));
+  IgnoreErrors([&] { m_tsock->setRequestHeader("Authorization", "Basic " + credential); });
   m_tsock->hSend();
 }
 

@@ -44,7 +44,7 @@ class News : protected TrustedServer, public FeederFixture {
  protected:
   News() {
     context.hosts.news = server.Address("");
-    context.serviceCredential = "credential";
+    context.serviceCredential = "credential\n";
   }
 
   static json Item(int id, const json& more = json::object()) {
