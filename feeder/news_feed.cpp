@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <optional>
 #include <set>
 
 namespace quenmark::feeder {
@@ -25,11 +26,29 @@ constexpr std::string_view kLastId = "ID";
 constexpr std::string_view kLastTime = "ID2";
 constexpr std::string_view kAll = "All";
 constexpr std::ptrdiff_t kThinHistory = 50;        // fewer sections than this are no history
-constexpr double kLargestId = 9007199254740992.0;  // 2^53
+constexpr std::size_t kLongestId = 29;             // digits, as many as a number of an answer has
+constexpr double kLargestId = 9007199254740992.0;  // 2^53, of an id that is not just digits
 constexpr std::int32_t kOk = 200;
+
+// The digits without leading zeros; nothing for a text that is not just digits.
+std::optional<std::string_view> WholeNumber(std::string_view text) {
+  if (text.empty() || text.find_first_not_of("0123456789") != std::string_view::npos) return std::nullopt;
+  text.remove_prefix(std::min(text.find_first_not_of('0'), text.size() - 1));
+  return text.size() <= kLongestId ? std::optional(text) : std::nullopt;
+}
+
+// Ids may have more digits than a double holds.
+bool IsHigher(const JsonValue& id, const std::string& highest) {
+  const std::string text = id.Text();
+  const auto left = WholeNumber(text);
+  const auto right = WholeNumber(highest.empty() ? std::string_view("0") : highest);
+  if (!left || !right) return id.Number() > platform::ReadNumber(highest);
+  return left->size() != right->size() ? left->size() > right->size() : *left > *right;
+}
 
 // A whole number for the address, 0 for what is none.
 std::string IdText(const std::string& stored) {
+  if (const auto digits = WholeNumber(stored)) return std::string(*digits);
   const double id = std::trunc(platform::ReadNumber(stored));
   return platform::NumberText(std::abs(id) <= kLargestId ? id : 0);
 }
@@ -114,8 +133,7 @@ std::string NewsFeed::StoreItem(const JsonValue& item) {
 
 void NewsFeed::NoteHighest(const JsonValue& item, std::string_view time, std::string_view id) {
   auto& store = m_context.store;
-  const double highest = platform::ReadNumber(store.GetSetting(kChartApp, kNewsSection, kLastId));
-  if (item.At("ts_id").Number() <= highest) return;
+  if (!IsHigher(item.At("ts_id"), store.GetSetting(kChartApp, kNewsSection, kLastId))) return;
   store.SaveSetting(kChartApp, kNewsSection, kLastId, id);
   store.SaveSetting(kChartApp, kNewsSection, kLastTime, time);
 }

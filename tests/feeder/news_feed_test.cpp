@@ -130,6 +130,13 @@ TEST_F(News, GoesOnFromTheHighestId) {
   EXPECT_EQ(Get("ID"), "61");
   EXPECT_EQ(Entries(), 63u);
   EXPECT_TRUE(Get("All").starts_with("1710513061_61,9_60,8_59,1710513060_60,")) << Get("All");
+  // Also where a double has no digits left.
+  constexpr std::uint64_t kLarge = 9223372036854775807;
+  PollAnswering({Item(1, {{"ts_id", kLarge}}), Item(1, {{"ts_id", kLarge - 1}}), Item(1, {{"ts_id", "0099"}})});
+  EXPECT_EQ(Get("ID"), "9223372036854775807");
+  PollAnswering(json::array({Item(1, {{"ts_id", kLarge + 1}})}));
+  EXPECT_EQ(server.Seen().back().target, "/news/?id=9223372036854775807");
+  EXPECT_EQ(Get("ID"), "9223372036854775808");
 }
 
 TEST_F(News, AThinHistoryIsDropped) {
