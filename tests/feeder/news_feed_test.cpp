@@ -149,8 +149,11 @@ TEST_F(News, AThinHistoryIsDropped) {
     EXPECT_TRUE(store->Sections("KLV-News-Density").empty());
     EXPECT_TRUE(store->GetAllSettings("KLV", "News").empty());
   }
-  PollAnswering(Items(1, 50));
+  PollAnswering(Items(1, 50));  // asked from the beginning, the history is there again
+  EXPECT_EQ(server.Seen().back().target, "/news/?id=0");
   EXPECT_EQ(Entries(), 50u);
+  EXPECT_EQ(Get("ID"), "50");
+  EXPECT_EQ(Stored("1710513001_1", "headline"), "News 1");
   EXPECT_EQ(store->GetSetting("KLV", "Other", "kept"), "1");
   Answer("gone", 500);
   Poll();
@@ -159,6 +162,24 @@ TEST_F(News, AThinHistoryIsDropped) {
   Poll();  // a failed one drops it too
   EXPECT_EQ(Get("ID"), "");
   EXPECT_TRUE(store->Sections("KLV-News").empty());
+}
+
+// Nothing is stored of an answer in another version of HTTP, or in chunks, which are taken as they are.
+TEST_F(News, AnswersOfAnotherForm) {
+  PollAnswering(Items(1, 60));
+  const std::string body = json{{"data", Items(61, 1)}}.dump();
+  for (const std::string& raw :
+       {"HTTP/1.0 200 OK\r\n\r\n" + body, fmt::format("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n"
+                                                      "{:x}\r\n{}\r\n0\r\n\r\n",
+                                                      body.size(), body)}) {
+    server.Put("/news/", {.raw = raw});
+    Poll();
+    EXPECT_EQ(Get("ID"), "60") << raw;
+    EXPECT_EQ(store->Sections("KLV-News").size(), 60u) << raw;
+  }
+  Answer(body);
+  Poll();
+  EXPECT_EQ(Get("ID"), "61");
 }
 
 TEST_F(News, AsksHalfAMinuteAfterEachAnswer) {
