@@ -202,7 +202,7 @@ void ctxWinsock::pvAfterRead() {
   const Keep keep(*this, 1);
   const std::uint64_t generation = m_generation;
   const auto socket = m_socket;
-  const bool isOpen = !socket->UseTls() || socket->Engine().handshakeWasComplete;
+  const bool isOpen = !socket->UseTls() || socket->Engine().handshakesCompleted > 0;
   if (m_accepted && m_state == kStateClosed && isOpen) pvRaiseConnect();
   if (!pvGoneSince(generation)) socket->Socket()->SyncProcessMsgQueue();
   if (pvGoneSince(generation)) return;

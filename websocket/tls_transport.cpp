@@ -78,7 +78,7 @@ class TlsTransport final : public Transport, public tls::TlsSocketEvents {
     std::string text = tls::cTlsSocket::GetErrorDescription(errorCode);
     if (!text.empty()) return text;
     const tls::SocketError last = m_socket->LastError();
-    return last.number != 0 && last.number == errorCode ? last.description : text;
+    return last.number == errorCode ? last.description : text;  // the number of some fatal alerts is 0
   }
 
   void OnResolve(tls::cTlsSocket& /*socket*/, std::string_view ipAddress) override {

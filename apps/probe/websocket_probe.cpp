@@ -125,7 +125,7 @@ class Probe {
       std::fwrite(m_line.data(), 1, m_line.size(), stdout);
     }
     std::fputc('\n', stdout);
-    if (std::fflush(stdout) == 0) return;
+    if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return;
     Tell("standard output cannot be written");
     Fail();
     Leave();
