@@ -85,8 +85,11 @@ bool cAsyncSocket::Create(std::int32_t socketPort, std::int32_t socketType, std:
     m_helper->Api().Close(opened.value);
     return false;
   }
+  const Keep keep(*this);
+  const std::uint64_t generation = m_generation;
   if (socketPort != 0 && !Bind(socketAddress, socketPort)) {
-    pvInternalClose();
+    // A handler that ran during the lookup may have put another handle here.
+    if (m_generation == generation) pvInternalClose();
     return false;
   }
   return pvSucceed();

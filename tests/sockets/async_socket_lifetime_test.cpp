@@ -1,4 +1,5 @@
 // Closing and dropping inside handlers, slots and handles in use again, descriptors, allocations.
+#include "platform/winsock_errors.h"
 #include "tests/sockets/allocation_count.h"
 #include "tests/sockets/socket_fixture.h"
 
@@ -88,6 +89,29 @@ TEST_F(SocketLifetime, ClosingInOnErrorAndOnAccept) {
   ASSERT_TRUE(WaitFor("OnAccept"));
   Settle();
   EXPECT_EQ(m_recorder->events.size(), 2U);
+}
+
+TEST_F(SocketLifetime, ClosedReopenedOrDroppedWhileCreateLooksItsAddressUp) {
+  for (const Ending ending : {Ending::kClose, Ending::kReopen, Ending::kDrop}) {
+    const std::size_t before = OpenDescriptors();
+    m_socket = NewSocket();
+    cAsyncSocket* const socket = m_socket.get();
+    platform::SocketHandle reopened = -1;
+    const platform::WindowId window = m_loop.CreateHiddenWindow("any", [&](const platform::Message&) {
+      if (ending == Ending::kDrop) return m_socket.reset();
+      EXPECT_TRUE(m_socket->Close_());
+      if (ending == Ending::kReopen && m_socket->Create()) reopened = m_socket->SocketHandle();
+    });
+    ASSERT_TRUE(m_loop.Post({window, 2000, 0, 0}));
+    EXPECT_FALSE(socket->Create(1, platform::kSockStream, platform::kFdAll, "no such host."));
+    if (m_socket != nullptr) {
+      EXPECT_EQ(m_socket->LastError(), platform::kWsaInterrupted);
+      EXPECT_EQ(m_socket->SocketHandle(), reopened);
+    }
+    EXPECT_EQ(reopened != -1, ending == Ending::kReopen);
+    m_socket.reset();
+    EXPECT_EQ(OpenDescriptors(), before);
+  }
 }
 
 TEST_F(SocketLifetime, AnOwnerThatIsDroppedLivesUntilItsHandlerReturns) {
