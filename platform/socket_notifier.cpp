@@ -61,7 +61,7 @@ SocketResult SocketNotifier::Select(SocketHandle handle, WindowId window, std::u
   entry->window = window;
   entry->message = message;
   entry->mask = mask;
-  if (const SocketResult found = FindState(handle, entry->state); !found.Ok()) return found;
+  if (const SocketResult found = FindState(handle, *entry); !found.Ok()) return found;
   std::int32_t on = 1;
   if (const SocketResult set = m_api.IoControl(handle, kIoNonBlocking, on); !set.Ok()) return set;
   if (entry->state == State::kConnecting) entry->connecting.emplace(m_loop);
@@ -86,30 +86,38 @@ void SocketNotifier::Taken(SocketHandle handle, std::int32_t event) {
   if (Entry* entry = Find(handle); entry != nullptr) entry->queued &= ~event;
 }
 
-SocketResult SocketNotifier::FindState(SocketHandle handle, State& state) {
+SocketResult SocketNotifier::FindState(SocketHandle handle, Entry& entry) {
   const SocketResult type = m_api.GetOption(handle, kSolSocket, kSoType);
   if (!type.Ok()) return type;
   if (type.value != kSockStream) {
-    state = State::kDatagram;
+    entry.state = State::kDatagram;
     return {};
   }
   const SocketResult listening = m_api.GetOption(handle, kSolSocket, kSoAcceptConnections);
   if (!listening.Ok()) return listening;
   if (listening.value != 0) {
-    state = State::kListening;
+    entry.state = State::kListening;
     return {};
   }
   InetAddress peer;
   const SocketResult connected = m_api.PeerName(handle, peer);
   if (connected.Ok()) {
-    state = State::kConnected;
+    entry.state = State::kConnected;
     return {};
   }
   if (connected.error != kWsaNotConnected) return connected;
   const SocketResult ready = m_api.Poll(handle);
   if (!ready.Ok()) return ready;
-  // A socket that was never connected reports a hang-up, one that is connecting nothing.
-  state = (ready.value & kPollHangUp) != 0 ? State::kIdle : State::kConnecting;
+  // A socket that is connecting reports nothing, one that was never connected a hang-up alone, one whose connection or
+  // attempt has ended an end of the stream too.
+  if ((ready.value & kPollHangUp) == 0) {
+    entry.state = State::kConnecting;
+  } else if ((ready.value & kPollRead) != 0) {
+    const std::int32_t error = FetchError(handle, entry);
+    if (error != 0 && !IsReset(error)) return SocketResult::Failure(error);
+    entry.state = State::kConnected;
+    entry.resetCode = error;
+  }
   return {};
 }
 

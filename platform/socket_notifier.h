@@ -40,7 +40,7 @@ class SocketNotifier {
   SocketNotifier& operator=(const SocketNotifier&) = delete;
 
   // Makes the socket non-blocking and posts the events of `mask` from now on, those that hold at this moment included;
-  // replaces an earlier selection. A mask of 0 ends it.
+  // replaces an earlier selection. A mask of 0 ends it. Fails for a socket whose connect call has failed unheard.
   SocketResult Select(SocketHandle handle, WindowId window, std::uint32_t message, std::int32_t mask);
   // Ends the selection and forgets everything about the handle. Required before the socket is closed.
   void Forget(SocketHandle handle);
@@ -91,7 +91,7 @@ class SocketNotifier {
 
   const Entry* Find(SocketHandle handle) const;
   Entry* Find(SocketHandle handle);
-  SocketResult FindState(SocketHandle handle, State& state);
+  SocketResult FindState(SocketHandle handle, Entry& entry);
   void OnReady(SocketHandle handle, Readiness readiness);
   void ReportAnew(const Entry& entry);
   void Evaluate(SocketHandle handle, Entry& entry);

@@ -60,6 +60,33 @@ TEST_F(AsyncSocket, AResetIsToldOnceAndKept) {
   EXPECT_EQ(ErrorOf(m_socket->Send(Bytes("x")) >= 0), platform::kWsaConnectionReset);
 }
 
+TEST_F(AsyncSocket, AResetBeforeTheSelectionIsToldBehindTheData) {
+  for (const bool accepted : {true, false}) {
+    ConnectPair();
+    std::shared_ptr<cAsyncSocket> socket = m_socket;
+    if (accepted) {
+      m_socket = NewSocket();
+      ASSERT_TRUE(m_socket->Create() && m_socket->Bind("127.0.0.1", 0) && m_socket->Listen());
+      m_peer = Descriptor(PlainConnect(PortOf(m_socket->SocketHandle())));
+    } else {
+      ASSERT_TRUE(socket->AsyncSelect(0));
+    }
+    PlainSend(m_peer, "hello");
+    PlainReset(m_peer);
+    if (accepted) {
+      socket->Close_();
+      ASSERT_TRUE(m_socket->Accept(socket));
+    } else {
+      ASSERT_TRUE(socket->AsyncSelect(platform::kFdAll));
+    }
+    m_recorder->events.clear();
+    ASSERT_TRUE(WaitFor("OnReceive"));
+    EXPECT_EQ(socket->ReceiveText(), "hello");
+    ASSERT_TRUE(WaitFor("OnError 10054 32"));
+    EXPECT_EQ(m_recorder->events.size(), 2U);
+  }
+}
+
 TEST_F(AsyncSocket, RefusesWhatCannotBe) {
   m_socket = NewSocket();
   EXPECT_EQ(ErrorOf(m_socket->Connect("127.0.0.1", 70'000)), platform::kWsaInvalid);
