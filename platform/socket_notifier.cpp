@@ -182,7 +182,7 @@ void SocketNotifier::EvaluateConnection(SocketHandle handle, Entry& entry) {
     return;
   }
   if (entry.closePosted) return;
-  if (HasData(handle)) {
+  if (HasData(handle, entry)) {
     PostEvent(handle, entry, kFdRead);
   } else {
     entry.readable = false;
@@ -209,9 +209,40 @@ std::int32_t SocketNotifier::FetchError(SocketHandle handle, const Entry& entry)
 }
 
 // A look that fails counts as found: a notification too many does no harm, one too few stops the owner.
-bool SocketNotifier::HasData(SocketHandle handle) {
+bool SocketNotifier::HasData(SocketHandle handle, Entry& entry) {
+  const SocketResult waiting = CountStream(handle, &entry);
+  return !waiting.Ok() || waiting.value > 0;
+}
+
+// Bytes waiting in a stream, at least. The system counts up to the mark of urgent data and so answers 0 at the mark,
+// whatever lies behind it.
+SocketResult SocketNotifier::CountStream(SocketHandle handle, Entry* entry) {
   std::int32_t bytes = 0;
-  return !m_api.IoControl(handle, kIoBytesToRead, bytes).Ok() || bytes > 0;
+  const SocketResult counted = m_api.IoControl(handle, kIoBytesToRead, bytes);
+  if (!counted.Ok()) return counted;
+  if (bytes == 0 && entry != nullptr && entry->urgentSeen) {
+    std::array<std::uint8_t, 1> room{};
+    SocketResult next = m_api.Receive(handle, room, kMessagePeek);
+    if (next.Ok()) return next;
+    if (next.error != kWsaWouldBlock && !NoteReset(*entry, next)) return next;
+  }
+  return {bytes, 0};
+}
+
+// Bytes of the next datagram. An empty one would hide those behind it: nobody is told of it, so nobody would take it.
+SocketResult SocketNotifier::CountDatagram(SocketHandle handle) {
+  std::int32_t bytes = 0;
+  SocketResult result = m_api.IoControl(handle, kIoBytesToRead, bytes);
+  for (int dropped = 0; result.Ok() && bytes == 0 && dropped < kEmptyDatagramsPerLook; ++dropped) {
+    std::optional<InetAddress> sender;
+    std::array<std::uint8_t, 1> room{};
+    const SocketResult next = m_api.ReceiveFrom(handle, room, kMessagePeek, sender);
+    if (!next.Ok() || next.value != 0) break;
+    m_api.ReceiveFrom(handle, room, 0, sender);
+    result = m_api.IoControl(handle, kIoBytesToRead, bytes);
+  }
+  if (result.Ok()) result.value = bytes;
+  return result;
 }
 
 bool SocketNotifier::IsReadable(SocketHandle handle) {
@@ -312,7 +343,7 @@ SocketResult SocketNotifier::AfterReceive(SocketHandle handle, SocketResult resu
       // A short read has emptied the buffer, unless it ended at the mark of urgent data.
       const bool taken = static_cast<std::size_t>(result.value) < wanted && !entry->urgentSeen;
       entry->counted = taken ? 0 : std::max(entry->counted - result.value, 0);
-      entry->readable = !taken && (entry->counted > 0 || HasData(handle));
+      entry->readable = !taken && (entry->counted > 0 || HasData(handle, *entry));
     } else {
       NoteReset(*entry, result);
     }
@@ -355,24 +386,12 @@ bool SocketNotifier::NoteReset(Entry& entry, SocketResult& result) {
 }
 
 SocketResult SocketNotifier::Available(SocketHandle handle) {
-  std::int32_t bytes = 0;
-  SocketResult result = m_api.IoControl(handle, kIoBytesToRead, bytes);
   Entry* entry = Find(handle);
-  if (entry != nullptr && entry->state == State::kDatagram) {
-    // An empty datagram would hide those behind it: nobody is told of it, so nobody would take it.
-    for (int dropped = 0; result.Ok() && bytes == 0 && dropped < kEmptyDatagramsPerLook; ++dropped) {
-      std::optional<InetAddress> sender;
-      std::array<std::uint8_t, 1> room{};
-      const SocketResult next = m_api.ReceiveFrom(handle, room, kMessagePeek, sender);
-      if (!next.Ok() || next.value != 0) break;
-      m_api.ReceiveFrom(handle, room, 0, sender);
-      result = m_api.IoControl(handle, kIoBytesToRead, bytes);
-    }
-  }
-  if (!result.Ok()) return result;
-  result.value = bytes;
-  if (entry != nullptr) entry->counted = entry->state == State::kConnected && !entry->urgentSeen ? bytes : 0;
-  if (bytes == 0 && entry != nullptr && entry->state != State::kListening) {
+  const State state = entry != nullptr ? entry->state : State::kIdle;
+  const SocketResult result = state == State::kDatagram ? CountDatagram(handle) : CountStream(handle, entry);
+  if (entry == nullptr || !result.Ok()) return result;
+  entry->counted = state == State::kConnected && !entry->urgentSeen ? result.value : 0;
+  if (result.value == 0 && state != State::kListening) {
     entry->readable = false;
     entry->enabled |= kFdRead;
     Evaluate(handle, *entry);

@@ -58,7 +58,8 @@ class SocketNotifier {
   SocketResult Send(SocketHandle handle, std::span<const std::uint8_t> data, std::int32_t flags);
   SocketResult SendTo(SocketHandle handle, std::span<const std::uint8_t> data, std::int32_t flags,
                       const InetAddress& address);
-  // Bytes waiting; of a datagram socket those of the next datagram, empty ones before it being dropped.
+  // Bytes waiting, at least 1 at a mark of urgent data that more lies behind; of a datagram socket those of the next
+  // datagram, empty ones before it being dropped.
   SocketResult Available(SocketHandle handle);
   // Re-enables READ without a receive call.
   void Rearm(SocketHandle handle);
@@ -99,7 +100,9 @@ class SocketNotifier {
   void EvaluateConnection(SocketHandle handle, Entry& entry);
   void EvaluateDatagrams(SocketHandle handle, Entry& entry);
   std::int32_t FetchError(SocketHandle handle, const Entry& entry);
-  bool HasData(SocketHandle handle);
+  bool HasData(SocketHandle handle, Entry& entry);
+  SocketResult CountStream(SocketHandle handle, Entry* entry);
+  SocketResult CountDatagram(SocketHandle handle);
   bool IsReadable(SocketHandle handle);
   SocketResult AfterReceive(SocketHandle handle, SocketResult result, std::size_t wanted, std::int32_t flags);
   SocketResult AfterSend(SocketHandle handle, SocketResult result);

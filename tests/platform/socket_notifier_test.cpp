@@ -85,20 +85,34 @@ TEST_F(SocketNotifierTest, APeekTellsAnewAndADeselectedSocketNothing) {
   EXPECT_TRUE(m_events.empty());
 }
 
-TEST_F(SocketNotifierTest, UrgentDataIsAnEventOfItsOwn) {
-  Connect();
-  test::PlainSend(m_peer, "ab");
-  ASSERT_EQ(send(m_peer, "!", 1, MSG_OOB), 1);
-  test::PlainSend(m_peer, "cd");
-  ASSERT_TRUE(Arrives(kFdOutOfBand));
-  std::array<std::uint8_t, 10> room{};
-  ASSERT_EQ(m_notifier.Receive(m_socket, room, kMessageOutOfBand).value, 1);
-  EXPECT_EQ(room[0], '!');
-  // A receive ends at the mark; what lies behind it is announced all the same.
-  ASSERT_EQ(m_notifier.Receive(m_socket, room, 0).value, 2);
-  m_events.clear();
-  ASSERT_TRUE(Arrives(kFdRead));
-  EXPECT_EQ(m_notifier.Receive(m_socket, room, 0).value, 2);
+// At the mark of urgent data the system's count is 0; what lies behind it is announced all the same.
+TEST_F(SocketNotifierTest, UrgentDataIsAnEventOfItsOwnAndHidesNothing) {
+  for (const bool urgentFirst : {false, true}) {
+    for (const bool closes : {false, true}) {
+      Connect();
+      if (!urgentFirst) test::PlainSend(m_peer, "ab");
+      ASSERT_EQ(send(m_peer, "!", 1, MSG_OOB), 1);
+      test::PlainSend(m_peer, "cd");
+      if (closes) m_peer.Close();
+      ASSERT_TRUE(Arrives(kFdOutOfBand));
+      std::array<std::uint8_t, 10> room{};
+      ASSERT_EQ(m_notifier.Receive(m_socket, room, kMessageOutOfBand).value, 1);
+      EXPECT_EQ(room[0], '!');
+      if (!urgentFirst) {
+        ASSERT_EQ(m_notifier.Receive(m_socket, room, 0).value, 2);
+        m_events.clear();
+      }
+      ASSERT_TRUE(Arrives(kFdRead));
+      EXPECT_GT(m_notifier.Available(m_socket).value, 0);
+      EXPECT_EQ(std::count(m_events.begin(), m_events.end(), kFdClose), 0);
+      EXPECT_EQ(m_notifier.Receive(m_socket, room, 0).value, 2);
+      EXPECT_EQ(m_notifier.Available(m_socket).value, 0);
+      if (!closes) test::PlainSend(m_peer, "ef");
+      m_events.clear();
+      EXPECT_TRUE(Arrives(closes ? kFdClose : kFdRead));
+      m_notifier.Forget(m_socket);
+    }
+  }
 }
 
 TEST_F(SocketNotifierTest, AConnectThatRunsAlreadyIsReported) {
