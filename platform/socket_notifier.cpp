@@ -392,7 +392,8 @@ SocketResult SocketNotifier::Available(SocketHandle handle) {
   if (entry == nullptr || !result.Ok()) return result;
   entry->counted = state == State::kConnected && !entry->urgentSeen ? result.value : 0;
   if (result.value == 0 && state != State::kListening) {
-    entry->readable = false;
+    // More empty datagrams than a look drops may have come.
+    entry->readable = state == State::kDatagram && IsReadable(handle);
     entry->enabled |= kFdRead;
     Evaluate(handle, *entry);
   }
