@@ -82,8 +82,14 @@ void SocketNotifier::Forget(SocketHandle handle) {
   m_entries[static_cast<std::size_t>(handle)].reset();
 }
 
-void SocketNotifier::Taken(SocketHandle handle, std::int32_t event) {
-  if (Entry* entry = Find(handle); entry != nullptr) entry->queued &= ~event;
+void SocketNotifier::Taken(SocketHandle handle, std::int32_t lParam) {
+  Entry* entry = Find(handle);
+  if (entry == nullptr) return;
+  const std::int32_t event = lParam & 0xFFFF;
+  entry->queued &= ~event;
+  if (event == lParam || entry->state != State::kDatagram) return;
+  entry->enabled |= event;  // nobody receives because of an error
+  Evaluate(handle, *entry);
 }
 
 SocketResult SocketNotifier::FindState(SocketHandle handle, Entry& entry) {
@@ -192,11 +198,12 @@ void SocketNotifier::EvaluateConnection(SocketHandle handle, Entry& entry) {
 
 void SocketNotifier::EvaluateDatagrams(SocketHandle handle, Entry& entry) {
   if (entry.writable) PostEvent(handle, entry, kFdWrite);
-  if (entry.failed) {
+  // An error is fetched only when it can be told at once; until then it stays with the socket, for a receive call to
+  // find.
+  if (entry.failed && (entry.mask & entry.enabled & ~entry.queued & kFdRead) != 0) {
     entry.failed = false;
     const std::int32_t error = FetchError(handle, entry);
     if (error != 0) PostEvent(handle, entry, kFdRead, error);
-    entry.enabled |= kFdRead;  // nobody receives because of an error
   }
   if (entry.readable) PostEvent(handle, entry, kFdRead);
 }

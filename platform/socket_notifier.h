@@ -46,7 +46,7 @@ class SocketNotifier {
   void Forget(SocketHandle handle);
   bool IsSelected(SocketHandle handle) const { return Find(handle) != nullptr; }
   // The receiver of the messages says here that it has taken one from the queue.
-  void Taken(SocketHandle handle, std::int32_t event);
+  void Taken(SocketHandle handle, std::int32_t lParam);
 
   SocketResult Listen(SocketHandle handle, std::int32_t backlog);
   SocketResult Connect(SocketHandle handle, const InetAddress& address);

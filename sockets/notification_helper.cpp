@@ -112,7 +112,7 @@ void NotificationHelper::pvNotify(const NotifyRecord& record) {
   }
   if (record.number < kMessageFirstSocket || record.number - kMessageFirstSocket >= m_table.size()) return;
   if (record.wParam == -1) return;
-  m_notifier.Taken(record.wParam, record.lParam & 0xFFFF);
+  m_notifier.Taken(record.wParam, record.lParam);
   std::shared_ptr<cAsyncSocket> socket = m_table[record.number - kMessageFirstSocket].socket.lock();
   if (socket != nullptr) cAsyncSocket::pvOnNotification(std::move(socket), record);
 }

@@ -20,7 +20,7 @@ class SocketNotifierTest : public testing::Test {
  protected:
   SocketNotifierTest() {
     m_window = m_loop.CreateHiddenWindow("notifier test", [this](const Message& message) {
-      m_notifier.Taken(static_cast<SocketHandle>(message.wParam), static_cast<std::int32_t>(message.lParam & 0xFFFF));
+      m_notifier.Taken(static_cast<SocketHandle>(message.wParam), static_cast<std::int32_t>(message.lParam));
       m_events.push_back(static_cast<std::int32_t>(message.lParam));
     });
   }
@@ -137,13 +137,20 @@ TEST_F(SocketNotifierTest, AnErrorOfADatagramSocketDoesNotSilenceIt) {
   other.sin_port = htons(static_cast<std::uint16_t>(test::PortOf(m_peer)));
   ASSERT_EQ(connect(m_socket, reinterpret_cast<const sockaddr*>(&other), size), 0);
   ASSERT_TRUE(m_notifier.Select(m_socket, m_window, kNumber, kFdAll).Ok());
-  m_peer.Close();
-  ASSERT_EQ(send(m_socket, "x", 1, 0), 1);
-  ASSERT_TRUE(Arrives(kFdRead | (kWsaRefused << 16)));
-  m_peer = test::Descriptor(socket(AF_INET, SOCK_DGRAM, 0));
-  ASSERT_EQ(bind(m_peer, reinterpret_cast<const sockaddr*>(&other), size), 0);
-  ASSERT_EQ(sendto(m_peer, "y", 1, 0, reinterpret_cast<const sockaddr*>(&own), size), 1);
-  EXPECT_TRUE(Arrives(kFdRead));
+  const auto peerSends = [&] { sendto(m_peer, "y", 1, 0, reinterpret_cast<const sockaddr*>(&own), size); };
+  std::array<std::uint8_t, 10> room{};
+  for (const bool dataFirst : {false, true}) {
+    m_events.clear();
+    if (dataFirst) peerSends();
+    m_peer.Close();
+    ASSERT_EQ(send(m_socket, "x", 1, 0), 1);
+    ASSERT_TRUE(Arrives(kFdRead | (kWsaRefused << 16)));
+    m_peer = test::Descriptor(socket(AF_INET, SOCK_DGRAM, 0));
+    ASSERT_EQ(bind(m_peer, reinterpret_cast<const sockaddr*>(&other), size), 0);
+    if (!dataFirst) peerSends();
+    EXPECT_TRUE(Arrives(kFdRead));
+    EXPECT_EQ(m_notifier.Receive(m_socket, room, 0).value, 1);
+  }
 }
 
 }  // namespace
