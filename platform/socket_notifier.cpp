@@ -167,11 +167,18 @@ void SocketNotifier::Evaluate(SocketHandle handle, Entry& entry) {
 
 void SocketNotifier::EndConnect(SocketHandle handle, Entry& entry) {
   const std::int32_t error = FetchError(handle, entry);
+  // Only a connection that was made can be reset: what it brought is still there.
+  const bool reset = error == kWsaConnectionReset;
+  const bool made = error == 0 || reset;
   entry.connecting.reset();
-  entry.state = error == 0 ? State::kConnected : State::kIdle;
-  if (error != 0) entry.readable = entry.writable = entry.failed = entry.hangUp = false;
+  entry.state = made ? State::kConnected : State::kIdle;
+  if (reset) {
+    entry.resetCode = error;
+    entry.hangUp = true;
+  }
+  if (!made) entry.readable = entry.writable = entry.failed = entry.hangUp = false;
   entry.enabled = kFdAll;
-  PostEvent(handle, entry, kFdConnect, error);
+  PostEvent(handle, entry, kFdConnect, made ? 0 : error);
 }
 
 void SocketNotifier::EvaluateConnection(SocketHandle handle, Entry& entry) {

@@ -87,6 +87,19 @@ TEST_F(AsyncSocket, AResetBeforeTheSelectionIsToldBehindTheData) {
   }
 }
 
+TEST_F(AsyncSocket, AResetBeforeTheConnectIsToldIsNoFailedConnect) {
+  m_listener = Descriptor(PlainListener());
+  m_socket = NewSocket();
+  ASSERT_TRUE(m_socket->Connect("127.0.0.1", PortOf(m_listener)));
+  m_peer = Descriptor(PlainAccept(m_listener));
+  PlainSend(m_peer, "bye");
+  PlainReset(m_peer);
+  ASSERT_TRUE(WaitFor("OnReceive"));
+  EXPECT_EQ(m_socket->ReceiveText(), "bye");
+  ASSERT_TRUE(WaitFor("OnError 10054 32"));
+  EXPECT_EQ(m_recorder->events, (Events{"OnConnect", "OnReceive", "OnError 10054 32"}));
+}
+
 TEST_F(AsyncSocket, RefusesWhatCannotBe) {
   m_socket = NewSocket();
   EXPECT_EQ(ErrorOf(m_socket->Connect("127.0.0.1", 70'000)), platform::kWsaInvalid);
