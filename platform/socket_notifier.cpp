@@ -361,6 +361,8 @@ SocketResult SocketNotifier::AfterReceive(SocketHandle handle, SocketResult resu
     } else {
       NoteReset(*entry, result);
     }
+  } else if (entry->state == State::kIdle && result.Ok() && result.value == 0 && wanted > 0) {
+    result = SocketResult::Failure(kWsaNotConnected);  // after a failed connect the system tells of an end instead
   }
   Evaluate(handle, *entry);
   return result;
@@ -382,8 +384,10 @@ SocketResult SocketNotifier::AfterSend(SocketHandle handle, SocketResult result)
   if (result.error == kWsaWouldBlock) {
     entry->writable = false;
     entry->enabled |= kFdWrite;
-  } else if (entry->state == State::kConnected && NoteReset(*entry, result)) {
-    Evaluate(handle, *entry);
+  } else if (entry->state == State::kConnected) {
+    if (NoteReset(*entry, result)) Evaluate(handle, *entry);
+  } else if (entry->state == State::kIdle || entry->state == State::kListening) {
+    if (result.error == kWsaShutDown) result.error = kWsaNotConnected;
   }
   return result;
 }

@@ -108,7 +108,18 @@ TEST_F(AsyncSocket, RefusesWhatCannotBe) {
   EXPECT_EQ(ErrorOf(m_socket->Create()), platform::kWsaAlready);
   EXPECT_EQ(ErrorOf(m_socket->Attach(0)), platform::kWsaAlready);
   EXPECT_EQ(ErrorOf(m_socket->Connect("0.0.0.0", 80)), platform::kWsaAddressNotAvailable);
-  EXPECT_EQ(ErrorOf(m_socket->Send(Bytes("x")) >= 0), platform::kWsaNotConnected + 1);  // the kernel's broken pipe
+  EXPECT_EQ(ErrorOf(m_socket->Send(Bytes("x")) >= 0), platform::kWsaNotConnected);
+  const Descriptor refusing(PlainSocket(SOCK_STREAM));
+  ASSERT_TRUE(m_socket->Connect("127.0.0.1", PortOf(refusing)));
+  ASSERT_TRUE(WaitFor("OnError 10061 16"));
+  std::array<std::uint8_t, 8> room{};
+  EXPECT_EQ(ErrorOf(m_socket->Send(Bytes("x")) >= 0), platform::kWsaNotConnected);
+  EXPECT_EQ(ErrorOf(m_socket->Receive(room) >= 0), platform::kWsaNotConnected);
+  EXPECT_TRUE(m_socket->Close_());
+  // A failure that was not heard is the answer of the selection.
+  ASSERT_TRUE(m_socket->Create(0, platform::kSockStream, 0));
+  ASSERT_TRUE(m_socket->Connect("127.0.0.1", PortOf(refusing)));
+  EXPECT_EQ(ErrorOf(m_socket->AsyncSelect(platform::kFdAll)), platform::kWsaRefused);
   EXPECT_TRUE(m_socket->Close_());
   EXPECT_EQ(ErrorOf(m_socket->Attach(-1)), platform::kWsaNotSocket);
   EXPECT_EQ(m_socket->Detach(), -1);

@@ -281,7 +281,7 @@ TEST_F(CtxWinsockTest, SendingFromTheSendHandlers) {
 
 TEST_F(CtxWinsockTest, SendingWithoutAConnection) {
   m_client.control->SendData("nobody");
-  EXPECT_EQ(m_client.events, (Names{"Connect", "Error 10058 274A"}));
+  EXPECT_EQ(m_client.events, (Names{"Connect", "Error 10057 2749"}));
   EXPECT_EQ(m_client.control->State(), 9);
 }
 
