@@ -464,6 +464,12 @@ void MessageLoop::WaitForWork(milliseconds limit) {
   m_state->Wait(start + limit);
 }
 
+void MessageLoop::WaitForReadiness(milliseconds limit) {
+  const MonotonicTime end = m_state->clock.Monotonic() + limit;
+  if (m_state->outsideWork == 0 && m_state->clock.SkipTo(end)) return;
+  if (!m_state->Look(limit) && m_state->lookTimedOut) m_state->clock.SkipTo(end);
+}
+
 void MessageLoop::Run() {
   while (!m_state->quit) {
     if (!m_state->Turn(*this, MonotonicTime::max())) m_state->Wait(MonotonicTime::max());

@@ -28,6 +28,8 @@ struct Message {
   std::uint32_t number = 0;
   std::uintptr_t wParam = 0;
   std::intptr_t lParam = 0;
+
+  friend bool operator==(const Message&, const Message&) = default;
 };
 
 // What a peek looks at. Zero window: every window. Zero first and last: every number.
@@ -121,6 +123,8 @@ class MessageLoop {
   // Waits for at most that long for anything to become ready, due (the main tick left out) or queued, and dispatches
   // nothing. Returns at once when something is.
   void WaitForWork(std::chrono::milliseconds limit);
+  // The same for one that leaves queued and due messages where they are: only a descriptor ends it sooner.
+  void WaitForReadiness(std::chrono::milliseconds limit);
   // Dispatches until Quit; a Quit before Run makes it return at once.
   void Run();
   void Quit();

@@ -206,7 +206,7 @@ class cAsyncSocket : public std::enable_shared_from_this<cAsyncSocket> {
                           std::int32_t flags);
   std::int32_t pvWait(Wait& wait, platform::MonotonicTime deadline, std::int32_t eventMask);
   bool pvTakeMessage(std::uint32_t number);
-  bool pvLetOneMessageRun(const Wait& wait);
+  bool pvLetOneMessageRun(const Wait& wait, const platform::Message& first, bool& leftStanding);
   std::int32_t pvTimeout(std::int32_t timeout, std::int32_t optionName);
   std::int32_t pvElapsed(platform::MonotonicTime since);
 

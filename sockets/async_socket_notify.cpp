@@ -150,6 +150,7 @@ bool cAsyncSocket::SyncWaitForEvent(std::int32_t timeout, std::int32_t eventMask
 // timer.
 std::int32_t cAsyncSocket::pvWait(Wait& wait, MonotonicTime deadline, std::int32_t eventMask) {
   platform::MessageLoop& loop = m_helper->Loop();
+  bool leftStanding = false;
   for (bool yield = true;;) {
     yield |= pvTakeMessage(kMessageFirstSocket + static_cast<std::uint32_t>(m_slot));
     if ((wait.arrived & eventMask) != 0) return 0;
@@ -161,10 +162,16 @@ std::int32_t cAsyncSocket::pvWait(Wait& wait, MonotonicTime deadline, std::int32
     if (!m_waiting) return platform::kWsaInterrupted;
     Message message;
     if (yield && loop.Peek(message, {}, false)) {
-      if (!pvLetOneMessageRun(wait)) return platform::kWsaInterrupted;
+      if (!pvLetOneMessageRun(wait, message, leftStanding)) return platform::kWsaInterrupted;
       yield = false;
     } else {
-      loop.WaitForWork(std::chrono::milliseconds{1});
+      constexpr std::chrono::milliseconds kLimit{1};
+      // A message that an owner leaves in the queue would end a wait for messages at once, again and again.
+      if (std::exchange(leftStanding, false)) {
+        loop.WaitForReadiness(kLimit);
+      } else {
+        loop.WaitForWork(kLimit);
+      }
       yield = true;
     }
   }
@@ -180,12 +187,16 @@ bool cAsyncSocket::pvTakeMessage(std::uint32_t number) {
   return true;
 }
 
-// False when the socket was closed meanwhile.
-bool cAsyncSocket::pvLetOneMessageRun(const Wait& wait) {
+// False when the socket was closed meanwhile. `leftStanding`: the owner has dealt with the first message of the queue
+// without taking it.
+bool cAsyncSocket::pvLetOneMessageRun(const Wait& wait, const Message& first, bool& leftStanding) {
+  platform::MessageLoop& loop = m_helper->Loop();
   bool handled = false;
   pvRaise(&AsyncSocketEvents::OnMessagePending, handled);
   if (pvClosedSince(wait.generation)) return false;
-  if (!handled) m_helper->Loop().DispatchOneDuringWait();
+  Message next;
+  leftStanding = handled && loop.Peek(next, {}, false) && next == first;
+  if (!handled) loop.DispatchOneDuringWait();
   return !pvClosedSince(wait.generation);
 }
 

@@ -402,8 +402,10 @@ TEST_F(MessageLoopTest, DispatchOneDuringWaitTakesAnythingButTheMainTick) {
   loop.Post({window, 3, 0, 0});
   loop.WaitForWork(10ms);  // returns at once, as something is queued, and dispatches nothing
   EXPECT_EQ(Elapsed(), 0ms);
+  loop.WaitForReadiness(4ms);  // does not
+  EXPECT_EQ(Elapsed(), 4ms);
   EXPECT_THAT(noted, IsEmpty());
-  clock.Advance(10ms);
+  clock.Advance(6ms);
   EXPECT_TRUE(loop.DispatchOneDuringWait());
   EXPECT_TRUE(loop.DispatchOneDuringWait());
   EXPECT_FALSE(loop.DispatchOneDuringWait());
