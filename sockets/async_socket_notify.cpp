@@ -102,8 +102,7 @@ void cAsyncSocket::pvKeepForLater(const NotifyRecord& record) {
   for (Wait* wait = m_waits; wait != nullptr && !pvClosedSince(wait->generation); wait = wait->outer) {
     wait->arrived |= record.lParam & 0xFFFF;
   }
-  const bool repeats = record.lParam == kFdRead || record.lParam == platform::kFdWrite ||
-                       record.lParam == platform::kFdAccept || record.lParam == platform::kFdOutOfBand;
+  const bool repeats = (record.lParam & (platform::kFdConnect | kFdClose)) == 0;
   const auto same = [&](const NotifyRecord& kept) { return kept.lParam == record.lParam; };
   if (repeats && std::any_of(m_pendingEvents.begin(), m_pendingEvents.end(), same)) return;
   m_pendingEvents.push_back({kMessageFirstSocket, record.wParam, record.lParam});

@@ -244,8 +244,10 @@ TEST_F(AsyncSocketSync, KeptNotificationsDoNotPileUp) {
   }
   PlainSend(m_peer, "y");
   m_socket->SyncWaitForEvent(5000, kFdRead);
+  for (int i = 0; i < 3; ++i) m_socket->PostEvent(kFdRead | (10061 << 16));
+  EXPECT_FALSE(m_socket->SyncWaitForEvent(10, kFdWrite));
   m_socket->SyncProcessMsgQueue();
-  EXPECT_EQ(m_recorder->events, std::vector<std::string>{"OnReceive"});
+  EXPECT_EQ(m_recorder->events, (std::vector<std::string>{"OnReceive", "OnError 10061 1"}));
 }
 
 }  // namespace
