@@ -153,11 +153,18 @@ class cAsyncSocket : public std::enable_shared_from_this<cAsyncSocket> {
     std::int32_t port = 0;
     platform::HostEntry host;
   };
-  // One running SyncWaitForEvent of this socket.
+  // One running SyncWaitForEvent of this socket, the innermost while it lives.
   struct Wait {
+    explicit Wait(cAsyncSocket& waiting);
+    ~Wait();
+    Wait(const Wait&) = delete;
+    Wait& operator=(const Wait&) = delete;
+
+    cAsyncSocket& socket;
+    const std::uint64_t generation;
+    Wait* const outer;
+    const bool outerWaiting;
     std::int32_t arrived = 0;  // events seen since it began
-    std::uint64_t generation = 0;
-    Wait* outer = nullptr;
   };
 
   using Keep = platform::Keep<cAsyncSocket>;

@@ -118,6 +118,18 @@ void cAsyncSocket::SyncProcessMsgQueue() {
   }
 }
 
+cAsyncSocket::Wait::Wait(cAsyncSocket& waiting)
+    : socket(waiting),
+      generation(waiting.m_generation),
+      outer(std::exchange(waiting.m_waits, this)),
+      outerWaiting(std::exchange(waiting.m_waiting, true)) {}
+
+// Also when a handler throws through the wait.
+cAsyncSocket::Wait::~Wait() {
+  socket.m_waits = outer;
+  socket.m_waiting = outerWaiting;
+}
+
 bool cAsyncSocket::SyncWaitForEvent(std::int32_t timeout, std::int32_t eventMask) {
   if ((eventMask & kResolved) != 0 && !HasPendingResolve()) return pvSucceed();
   if (!pvHasHandle()) return false;
@@ -127,20 +139,16 @@ bool cAsyncSocket::SyncWaitForEvent(std::int32_t timeout, std::int32_t eventMask
   const platform::MessageLoop::MainTickPause pause(loop);
   if ((eventMask & kFdRead) != 0) eventMask |= kForcedRead;
 
-  Wait wait{0, m_generation, m_waits};
+  Wait wait(*this);
   // The peer's close, kept since an earlier wait: nothing more will be read.
   const auto isClose = [](const NotifyRecord& kept) { return (kept.lParam & kFdClose) != 0; };
   if (eventMask == (kFdRead | kForcedRead) && std::any_of(m_pendingEvents.begin(), m_pendingEvents.end(), isClose)) {
     wait.arrived = kFdClose;
   }
-  const bool outerWaiting = std::exchange(m_waiting, true);
-  m_waits = &wait;
   const MonotonicTime deadline =
       timeout > 0 ? loop.TheClock().Monotonic() + std::chrono::milliseconds{timeout} : MonotonicTime::max();
   std::int32_t error = pvWait(wait, deadline, eventMask);
-  m_waits = wait.outer;
   if (!m_waiting) error = platform::kWsaInterrupted;
-  m_waiting = outerWaiting;
   if (!m_pendingEvents.empty() && m_slot >= 0) m_helper->Post(m_slot, -1, 0);
   return error == 0 ? pvSucceed() : pvFail(error);
 }
