@@ -177,14 +177,18 @@ std::string cAsyncSocket::SyncReceiveText(std::int32_t needLen, std::int32_t tim
   std::vector<std::uint8_t> all;
   std::vector<std::uint8_t> part;
   std::int32_t left = timeout;
+  // No code page yields more than two units for a byte: with fewer bytes the text cannot be long enough, and converting
+  // it would be for nothing.
+  const auto needed = static_cast<std::size_t>(std::max(needLen, 0));
+  std::size_t enough = (needed + 1) / 2;
   for (;;) {
     const bool received = SyncReceiveArray(part, 0, left, hostAddress, hostPort);
     all.insert(all.end(), part.begin(), part.end());
     if (!received || needLen <= 0) break;
-    // No code page yields more than two units for a byte; converting earlier would be for nothing.
-    if (all.size() * 2 >= static_cast<std::size_t>(needLen) &&
-        platform::Utf16Length(FromTextArray(all, codePage)) >= static_cast<std::size_t>(needLen)) {
-      break;
+    if (all.size() >= enough) {
+      const std::size_t units = platform::Utf16Length(FromTextArray(all, codePage));
+      if (units >= needed) break;
+      enough = all.size() + (needed - units + 1) / 2;
     }
     if (timeout <= 0) continue;
     left = timeout - pvElapsed(start);
