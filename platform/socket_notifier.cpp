@@ -408,7 +408,7 @@ SocketResult SocketNotifier::Available(SocketHandle handle) {
   const State state = entry != nullptr ? entry->state : State::kIdle;
   const SocketResult result = state == State::kDatagram ? CountDatagram(handle) : CountStream(handle, entry);
   if (entry == nullptr || !result.Ok()) return result;
-  entry->counted = state == State::kConnected && !entry->urgentSeen ? result.value : 0;
+  entry->counted = state == State::kConnected ? result.value : 0;
   if (result.value == 0 && state != State::kListening) {
     // More empty datagrams than a look drops may have come.
     entry->readable = state == State::kDatagram && IsReadable(handle);

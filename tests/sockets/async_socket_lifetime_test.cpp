@@ -131,7 +131,7 @@ TEST_F(SocketLifetime, AnOwnerThatIsDroppedLivesUntilItsHandlerReturns) {
 // --- Slots -----------------------------------------------------------------------------------------------------------
 
 TEST_F(SocketLifetime, OneHelperForAllSocketsOfTheLoopAndOnlyAsLongAsThey) {
-  const auto first = NewSocket();
+  auto first = NewSocket();
   const platform::WindowId window = m_loop.FindHiddenWindow(NotificationHelper::WindowName());
   ASSERT_NE(window, 0U);
   EXPECT_NE(NotificationHelper::WindowName().find(":AsyncSocket Helper Window"), std::string::npos);
@@ -143,6 +143,9 @@ TEST_F(SocketLifetime, OneHelperForAllSocketsOfTheLoopAndOnlyAsLongAsThey) {
   m_recorder.reset();
   second.reset();
   EXPECT_FALSE(helper.expired());
+  first.reset();
+  EXPECT_TRUE(helper.expired());
+  EXPECT_EQ(m_loop.FindHiddenWindow(NotificationHelper::WindowName()), 0U);
 }
 
 TEST_F(SocketLifetime, TheTableDoublesUntilTheLastMessageNumberAndTakesItsSlotsInTurn) {

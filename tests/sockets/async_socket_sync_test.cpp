@@ -1,6 +1,7 @@
 // The waiting calls.
 #include "platform/winsock_errors.h"
 #include "tests/sockets/socket_fixture.h"
+#include "tests/support/child_process.h"
 #include "tests/support/name_server.h"
 
 #include <sys/socket.h>
@@ -89,16 +90,22 @@ TEST_F(AsyncSocketSync, AWaitForTheResolution) {
   EXPECT_EQ(m_recorder->events, std::vector<std::string>{"OnError 11001 32768"});
 }
 
-TEST_F(AsyncSocketSync, AnotherSocketsLookupIsNotLostInAWait) {
+TEST_F(AsyncSocketSync, OtherSocketsLookupsAreNotLostInAWait) {
   NameServer server(m_loop);
   server.names["a.test"] = {{127, 0, 0, 1}};
   m_services.nameServers = server.Address();
   ConnectPair();
   const auto other = NewSocket();
+  const auto third = NewSocket();
+  const auto thirdEvents = std::make_shared<Recorder>();
+  third->SetEvents(thirdEvents);
+  ASSERT_TRUE(third->Connect("nowhere.test.", 80));
   ASSERT_TRUE(other->Connect("a.test", PortOf(m_listener)));
+  EXPECT_TRUE(third->HasPendingResolve() && other->HasPendingResolve());
   EXPECT_FALSE(m_socket->SyncWaitForEvent(100, kFdRead));
   EXPECT_TRUE(m_recorder->Saw("OnResolve 127.0.0.1"));
   EXPECT_TRUE(m_recorder->Saw("OnConnect"));
+  EXPECT_EQ(thirdEvents->events, std::vector<std::string>{"OnError 11001 32768"});
 }
 
 TEST_F(AsyncSocketSync, ReceivesWhatIsNeededInPieces) {
@@ -167,9 +174,36 @@ TEST_F(AsyncSocketSync, SendsEverythingOrSaysWhyNot) {
   EXPECT_EQ(m_socket->LastError(), 0);
 }
 
+TEST_F(AsyncSocketSync, EchoOfAnotherProgram) {
+  ChildProcess echo("python3", {"-c",
+                                "import socket\n"
+                                "listener = socket.create_server(('127.0.0.1', 0))\n"
+                                "print(listener.getsockname()[1], flush=True)\n"
+                                "peer = listener.accept()[0]\n"
+                                "for data in iter(lambda: peer.recv(4096), b''): peer.sendall(data)\n"});
+  m_socket = NewSocket();
+  ASSERT_TRUE(m_socket->SyncConnect("localhost", std::stoi(echo.ReadLine().value_or("0"))));
+  std::vector<std::uint8_t> data;
+  for (const std::size_t size : {1U, 1000U, 65'536U}) {
+    const std::string sent = Pattern(size);
+    ASSERT_TRUE(m_socket->SyncSendArray(Bytes(sent)));
+    ASSERT_TRUE(m_socket->SyncReceiveArray(data, static_cast<std::int32_t>(size)));
+    EXPECT_TRUE(std::equal(data.begin(), data.end(), Bytes(sent).begin()));
+  }
+  ASSERT_TRUE(m_socket->ShutDown());
+  EXPECT_EQ(ErrorOf(m_socket->SyncReceiveArray(data, 1)), platform::kWsaNotConnected);
+  EXPECT_EQ(echo.Wait(), 0);
+}
+
 TEST_F(AsyncSocketSync, CancelCloseAndDropEndAWait) {
   ConnectPair();
   Later(5, [&] { m_socket->SyncCancelWait(); });
+  EXPECT_EQ(ErrorOf(m_socket->SyncWaitForEvent(0, kFdRead)), platform::kWsaInterrupted);
+  const auto other = NewSocket();
+  m_recorder->act = [&](cAsyncSocket&, const std::string& event) {
+    if (event == "OnConnect") m_socket->SyncCancelWait();
+  };
+  ASSERT_TRUE(other->Connect("127.0.0.1", PortOf(m_listener)));
   EXPECT_EQ(ErrorOf(m_socket->SyncWaitForEvent(0, kFdRead)), platform::kWsaInterrupted);
   m_recorder->act = [](cAsyncSocket& socket, const std::string& event) {
     if (event == "OnMessagePending") socket.Close_();
