@@ -166,7 +166,8 @@ void SocketNotifier::Evaluate(SocketHandle handle, Entry& entry) {
 }
 
 void SocketNotifier::EndConnect(SocketHandle handle, Entry& entry) {
-  const std::int32_t error = FetchError(handle, entry);
+  const std::int32_t taken = std::exchange(entry.resetCode, 0);
+  const std::int32_t error = taken != 0 ? taken : FetchError(handle, entry);
   // Only a connection that was made can be reset: what it brought is still there.
   const bool reset = error == kWsaConnectionReset;
   const bool made = error == 0 || reset;
@@ -361,6 +362,8 @@ SocketResult SocketNotifier::AfterReceive(SocketHandle handle, SocketResult resu
     } else {
       NoteReset(*entry, result);
     }
+  } else if (entry->state == State::kConnecting) {
+    NoteFailedConnect(handle, *entry, result);
   } else if (entry->state == State::kIdle && result.Ok() && result.value == 0 && wanted > 0) {
     result = SocketResult::Failure(kWsaNotConnected);  // after a failed connect the system tells of an end instead
   }
@@ -386,10 +389,19 @@ SocketResult SocketNotifier::AfterSend(SocketHandle handle, SocketResult result)
     entry->enabled |= kFdWrite;
   } else if (entry->state == State::kConnected) {
     if (NoteReset(*entry, result)) Evaluate(handle, *entry);
-  } else if (entry->state == State::kIdle || entry->state == State::kListening) {
-    if (result.error == kWsaShutDown) result.error = kWsaNotConnected;
+  } else if (entry->state == State::kConnecting) {
+    NoteFailedConnect(handle, *entry, result);
+  } else if (result.error == kWsaShutDown && entry->state != State::kDatagram) {
+    result.error = kWsaNotConnected;
   }
   return result;
+}
+
+// A send or receive call during a connect call takes the error away that CONNECT is to tell.
+void SocketNotifier::NoteFailedConnect(SocketHandle handle, Entry& entry, const SocketResult& result) {
+  if (result.Ok() || result.error == kWsaWouldBlock || entry.resetCode != 0) return;
+  const SocketResult ready = m_api.Poll(handle);
+  if (!ready.Ok() || (ready.value & kPollHangUp) != 0) entry.resetCode = result.error;
 }
 
 // Remembers a failure that means the end of the connection, and says so in every later failure.

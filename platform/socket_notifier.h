@@ -75,7 +75,7 @@ class SocketNotifier {
     State state = State::kIdle;
     std::int32_t enabled = kFdAll;  // events that may be posted
     std::int32_t queued = 0;        // events posted and not taken
-    std::int32_t resetCode = 0;     // what CLOSE and later calls report
+    std::int32_t resetCode = 0;     // what CLOSE and later calls report; while connecting, what CONNECT will
     std::int32_t counted = 0;       // bytes known to wait in a stream, at least
     bool readable = false;          // data or connections may be waiting
     bool writable = false;
@@ -106,6 +106,7 @@ class SocketNotifier {
   bool IsReadable(SocketHandle handle);
   SocketResult AfterReceive(SocketHandle handle, SocketResult result, std::size_t wanted, std::int32_t flags);
   SocketResult AfterSend(SocketHandle handle, SocketResult result);
+  void NoteFailedConnect(SocketHandle handle, Entry& entry, const SocketResult& result);
   bool NoteReset(Entry& entry, SocketResult& result);
   bool PostEvent(SocketHandle handle, Entry& entry, std::int32_t event, std::int32_t error = 0);
 

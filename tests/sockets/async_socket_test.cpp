@@ -111,7 +111,9 @@ TEST_F(AsyncSocket, RefusesWhatCannotBe) {
   EXPECT_EQ(ErrorOf(m_socket->Send(Bytes("x")) >= 0), platform::kWsaNotConnected);
   const Descriptor refusing(PlainSocket(SOCK_STREAM));
   ASSERT_TRUE(m_socket->Connect("127.0.0.1", PortOf(refusing)));
+  EXPECT_EQ(ErrorOf(m_socket->Send(Bytes("x")) >= 0), platform::kWsaRefused);  // before the event, not in its place
   ASSERT_TRUE(WaitFor("OnError 10061 16"));
+  EXPECT_FALSE(m_recorder->Saw("OnConnect"));
   std::array<std::uint8_t, 8> room{};
   EXPECT_EQ(ErrorOf(m_socket->Send(Bytes("x")) >= 0), platform::kWsaNotConnected);
   EXPECT_EQ(ErrorOf(m_socket->Receive(room) >= 0), platform::kWsaNotConnected);
