@@ -16,7 +16,8 @@ function(precompile target owner)
     target_precompile_headers(${target} REUSE_FROM ${owner})
   endif()
   if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND NOT CMAKE_DISABLE_PRECOMPILE_HEADERS)
-    # False alarms in std::string of GCC 12, which no longer sees that these headers are the system's.
-    target_compile_options(${target} PRIVATE -Wno-array-bounds -Wno-stringop-overflow -Wno-stringop-overread)
+    # False alarms in the standard library of GCC 12, which no longer sees that these headers are the system's.
+    target_compile_options(${target} PRIVATE -Wno-array-bounds -Wno-maybe-uninitialized -Wno-stringop-overflow
+                                             -Wno-stringop-overread)
   endif()
 endfunction()
