@@ -65,25 +65,26 @@ std::optional<std::vector<SecretBuffer>> ReadPemBlocks(std::string_view text, st
   const std::string begin = "-----BEGIN " + std::string(type) + "-----";
   const std::string end = "-----END " + std::string(type) + "-----";
   std::vector<SecretBuffer> blocks;
-  std::optional<Base64Reader> block;
+  Base64Reader block;
+  bool open = false;  // `block` is being read
   bool readable = true;
   const bool skips = faults == PemFaults::kSkip;
   const auto takeLine = [&](std::string_view line) {
-    if (!block || skips) {
+    if (!open || skips) {
       const bool opens = line.find(begin) != std::string_view::npos;
       if (opens) {
-        block.emplace();
-        readable = true;
+        block = Base64Reader();
+        open = readable = true;
       }
-      if (!block || opens) return true;
+      if (!open || opens) return true;
     }
     if (line.find(':') != std::string_view::npos) return true;
     if (line.find(end) == std::string_view::npos) {
-      readable = block->Add(line) && readable;
+      readable = block.Add(line) && readable;
       return true;
     }
-    auto bytes = block->Finish();
-    block.reset();
+    auto bytes = block.Finish();
+    open = false;
     if (!readable || !bytes) return skips;
     blocks.push_back(*std::move(bytes));
     return true;
