@@ -362,6 +362,7 @@ class Sink final : public websocket::Transport {
     waiting.remove_prefix(count);
     return true;
   }
+  std::size_t UnsentBytes() const override { return 0; }
   bool SendArray(BytesView bytes) override {
     sent += bytes.size();
     return true;
