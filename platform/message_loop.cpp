@@ -20,10 +20,11 @@ namespace {
 
 using std::chrono::milliseconds;
 
-constexpr std::size_t kReadyBatch = 64;       // descriptors taken from the kernel at once
-constexpr std::size_t kMessagesPerLook = 64;  // messages in a row before the descriptors get a look
-constexpr milliseconds kTimerPatience{250};   // a timer so long overdue no longer stands back behind messages
-constexpr std::size_t kCallsPerLook = 64;     // a call may set itself again for the same moment
+constexpr std::size_t kReadyBatch = 64;        // descriptors taken from the kernel at once
+constexpr std::size_t kMessagesPerLook = 64;   // messages in a row before the descriptors get a look
+constexpr std::size_t kTurnsPerPatience = 64;  // turns between two looks for timers that have lost theirs
+constexpr milliseconds kTimerPatience{250};    // a timer so long overdue no longer stands back behind messages
+constexpr std::size_t kCallsPerLook = 64;      // a call may set itself again for the same moment
 constexpr std::size_t kRunQueuedLimit = 10'000;
 constexpr milliseconds kLongestWait = std::chrono::hours{1};
 
@@ -122,6 +123,8 @@ struct MessageLoop::State {
   MessageQueue queue;
   std::size_t messagesSinceLook = 0;
   bool lookTimedOut = false;  // the last look ended with its time limit
+  std::size_t turnsSincePatience = 0;
+  MonotonicTime overdueUntil = MonotonicTime::min();  // a timer that was due by then goes before messages
 
   Slots<TimerEntry> timers;
   DeadlineHeap ordinary;   // slots of ordinary timers
@@ -266,14 +269,22 @@ struct MessageLoop::State {
     if (!Look(limit) && lookTimedOut && limit < kLongestWait) clock.SkipTo(next);
   }
 
+  // Takes what is to be dispatched next. A connection that brings more than is taken leaves timers no gap; ticks have
+  // to come all the same. Each timer that is overdue at a look goes once, so that slow ones leave messages theirs.
+  bool TakeNext(Message& message, MonotonicTime timersUntil, bool& looked) {
+    if (++turnsSincePatience >= kTurnsPerPatience) {
+      turnsSincePatience = 0;
+      overdueUntil = clock.Monotonic() - kTimerPatience;
+    }
+    return TakeTimer(message, {}, true, std::min(overdueUntil, timersUntil)) ||
+           Take(message, {}, true, timersUntil, looked);
+  }
+
   // Dispatches one message or due timer. False when there was nothing to do, not even in handlers of descriptors.
   bool Turn(MessageLoop& loop, MonotonicTime timersUntil) {
     Message message;
     bool looked = false;
-    // A connection that brings more than is taken keeps messages queued for ever; ticks have to come all the same.
-    const bool overdue = messagesSinceLook + 1 >= kMessagesPerLook &&
-                         TakeTimer(message, {}, true, std::min(clock.Monotonic() - kTimerPatience, timersUntil));
-    if (!overdue && !Take(message, {}, true, timersUntil, looked)) return looked;
+    if (!TakeNext(message, timersUntil, looked)) return looked;
     loop.Dispatch(message);
     return true;
   }
@@ -354,7 +365,7 @@ bool MessageLoop::DispatchOneDuringWait() {
   const MainTickPause pause(*this);
   Message message;
   bool looked = false;
-  if (!m_state->Take(message, {}, true, MonotonicTime::max(), looked)) return false;
+  if (!m_state->TakeNext(message, MonotonicTime::max(), looked)) return false;
   Dispatch(message);
   return true;
 }

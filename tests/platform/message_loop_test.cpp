@@ -500,5 +500,65 @@ TEST_F(MessageLoopTest, ATickMayDestroyItsTimer) {
   EXPECT_THAT(noted, ElementsAre(int(state.size())));
 }
 
+// Messages that never end come from handlers or with readiness, and handlers look into the queue or wait meanwhile.
+TEST_F(MessageLoopTest, EveryKindOfBusynessLeavesRoomForOverdueTimers) {
+  enum class Busy { kReadiness, kPeekingHandler, kWait };
+  for (const Busy busy : {Busy::kReadiness, Busy::kPeekingHandler, Busy::kWait}) {
+    noted.clear();
+    const MonotonicTime begin = clock.Monotonic();
+    const auto elapsed = [&] { return clock.Monotonic() - begin; };
+    WindowId window = 0;
+    window = loop.CreateHiddenWindow("busy", [&](const Message& message) {
+      if (message.number == kMessageTimer) return Note(message);
+      clock.Advance(1ms);
+      Message next;
+      if (busy == Busy::kPeekingHandler) loop.Peek(next, {window, 7, 7}, true);
+      if (busy != Busy::kReadiness && elapsed() < 10s) loop.Post(message);
+    });
+    loop.SetTimer(window, 1, 1000ms);
+    const SocketPair pair;
+    WatchId watch = 0;
+    if (busy == Busy::kReadiness) {
+      pair.PeerWrites("x");
+      watch = loop.Watch(pair.own, {.read = true}, Trigger::kLevel, [&](Readiness) {
+        if (elapsed() < 10s) loop.Post({window, 1, 0, 0});
+      });
+    } else {
+      loop.Post({window, 1, 0, 0});
+    }
+    const auto done = [&] { return !noted.empty() || elapsed() >= 10s; };
+    if (busy == Busy::kWait) {
+      while (!done()) loop.DispatchOneDuringWait();
+    } else {
+      loop.WaitUntil(done, MonotonicTime::max());
+    }
+    EXPECT_GE(elapsed(), 1250ms) << int(busy);
+    EXPECT_LT(elapsed(), 1400ms) << int(busy);
+    loop.Unwatch(watch);
+    loop.DestroyWindow(window);
+  }
+}
+
+TEST_F(MessageLoopTest, ASlowTimerDoesNotHoldBackMessages) {
+  int messages = 0;
+  WindowId window = 0;
+  window = loop.CreateHiddenWindow("slow", [&](const Message& message) {
+    if (message.number == kMessageTimer) {
+      clock.Advance(2s);
+      return Note(message);
+    }
+    ++messages;
+    if (Elapsed() < 1000s) loop.Post(message);
+    clock.Advance(10ms);
+  });
+  loop.SetTimer(window, 1, 100ms);
+  loop.SetTimer(window, 2, 100ms);
+  loop.Post({window, 1, 0, 0});
+  loop.WaitUntil([&] { return messages >= 200 || Elapsed() > 100s; }, MonotonicTime::max());
+  EXPECT_EQ(messages, 200);
+  // Each timer has its turn.
+  EXPECT_THAT(noted, ::testing::AllOf(::testing::Contains(-1), ::testing::Contains(-2)));
+}
+
 }  // namespace
 }  // namespace quenmark::platform
