@@ -476,6 +476,7 @@ void MessageLoop::WaitForWork(milliseconds limit) {
 }
 
 void MessageLoop::WaitForReadiness(milliseconds limit) {
+  m_state->CallHook(true);
   const MonotonicTime end = m_state->clock.Monotonic() + limit;
   if (m_state->outsideWork == 0 && m_state->clock.SkipTo(end)) return;
   if (!m_state->Look(limit) && m_state->lookTimedOut) m_state->clock.SkipTo(end);

@@ -129,8 +129,8 @@ class MessageLoop {
   void Run();
   void Quit();
 
-  // Called between messages; `aboutToWait` is true when nothing is queued, due or ready, that is, before the loop
-  // sleeps. The settings store commits here. One hook per loop; it is not called again while it runs.
+  // Called between messages; `aboutToWait` is true before the loop sleeps: nothing is queued, due or ready, or it is
+  // left there. The settings store commits here. One hook per loop; it is not called again while it runs.
   void SetTurnHook(std::function<void(bool aboutToWait)> hook);
 
   // While one of these lives, something outside the process is awaited: the loop then waits in real time even when the

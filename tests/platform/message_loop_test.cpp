@@ -560,5 +560,15 @@ TEST_F(MessageLoopTest, ASlowTimerDoesNotHoldBackMessages) {
   EXPECT_THAT(noted, ::testing::AllOf(::testing::Contains(-1), ::testing::Contains(-2)));
 }
 
+TEST_F(MessageLoopTest, NoWaitBeginsWithoutTheHook) {
+  const WindowId window = NotingWindow();
+  loop.Post({window, 1, 0, 0});
+  int waits = 0;
+  loop.SetTurnHook([&](bool aboutToWait) { waits += aboutToWait ? 1 : 0; });
+  loop.WaitForReadiness(4ms);
+  EXPECT_EQ(waits, 1);
+  EXPECT_EQ(Elapsed(), 4ms);
+}
+
 }  // namespace
 }  // namespace quenmark::platform
