@@ -319,7 +319,9 @@ SocketResult SocketNotifier::Accept(SocketHandle handle, InetAddress* peer) {
 
 SocketResult SocketNotifier::ShutDown(SocketHandle handle, std::int32_t how) {
   const SocketResult result = m_api.ShutDown(handle, how);
-  if (Entry* entry = Find(handle); result.Ok() && entry != nullptr) {
+  Entry* entry = Find(handle);
+  // The system shuts an unconnected datagram socket too, though it says that it is not connected.
+  if (entry != nullptr && (result.Ok() || entry->state == State::kDatagram)) {
     entry->sendShut |= how != kShutReceive;
     entry->receiveShut |= how != kShutSend;
   }
@@ -422,8 +424,8 @@ SocketResult SocketNotifier::Available(SocketHandle handle) {
   if (entry == nullptr || !result.Ok()) return result;
   entry->counted = state == State::kConnected ? result.value : 0;
   if (result.value == 0 && state != State::kListening) {
-    // More empty datagrams than a look drops may have come.
-    entry->readable = state == State::kDatagram && IsReadable(handle);
+    // More empty datagrams than a look drops may have come; a socket that is shut only seems to have them.
+    entry->readable = state == State::kDatagram && !entry->receiveShut && IsReadable(handle);
     entry->enabled |= kFdRead;
     Evaluate(handle, *entry);
   }

@@ -153,5 +153,22 @@ TEST_F(SocketNotifierTest, AnErrorOfADatagramSocketDoesNotSilenceIt) {
   }
 }
 
+// Shut for receiving, a datagram socket is readable for ever and gives empty answers for ever.
+TEST_F(SocketNotifierTest, ADatagramSocketShutForReceivingIsQuiet) {
+  for (const std::int32_t how : {kShutReceive, kShutBoth}) {
+    m_socket = test::Descriptor(test::PlainSocket(SOCK_DGRAM));
+    ASSERT_TRUE(m_notifier.Select(m_socket, m_window, kNumber, kFdAll).Ok());
+    ASSERT_TRUE(Arrives(kFdWrite));
+    m_notifier.ShutDown(m_socket, how);
+    m_events.clear();
+    for (int i = 0; i < 100; ++i) {
+      m_loop.RunQueued();
+      EXPECT_EQ(m_notifier.Available(m_socket).value, 0);
+    }
+    EXPECT_LE(m_events.size(), 1U);
+    m_notifier.Forget(m_socket);
+  }
+}
+
 }  // namespace
 }  // namespace quenmark::platform
