@@ -400,7 +400,11 @@ SocketResult SocketNotifier::AfterSend(SocketHandle handle, SocketResult result)
 }
 
 // A send or receive call during a connect call takes the error away that CONNECT is to tell.
-void SocketNotifier::NoteFailedConnect(SocketHandle handle, Entry& entry, const SocketResult& result) {
+void SocketNotifier::NoteFailedConnect(SocketHandle handle, Entry& entry, SocketResult& result) {
+  // Broken can be only what was made, ended and then reset by the peer.
+  if (result.error == kWsaShutDown && !entry.sendShut) {
+    result.error = entry.resetCode != 0 ? entry.resetCode : kWsaConnectionReset;
+  }
   if (result.Ok() || result.error == kWsaWouldBlock || entry.resetCode != 0) return;
   const SocketResult ready = m_api.Poll(handle);
   if (!ready.Ok() || (ready.value & kPollHangUp) != 0) entry.resetCode = result.error;

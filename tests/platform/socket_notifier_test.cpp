@@ -170,5 +170,35 @@ TEST_F(SocketNotifierTest, ADatagramSocketShutForReceivingIsQuiet) {
   }
 }
 
+// A connection that was made, ended and reset before the loop looks is told as made, its data first, whatever was
+// called meanwhile.
+TEST_F(SocketNotifierTest, ASendDoesNotTurnAConnectionThatWasMadeIntoAFailure) {
+  for (const bool ends : {false, true}) {
+    for (const bool sends : {false, true}) {
+      m_listener = test::Descriptor(test::PlainListener());
+      m_socket = test::Descriptor(m_api.Open(kSockStream).value);
+      ASSERT_TRUE(m_notifier.Select(m_socket, m_window, kNumber, kFdAll).Ok());
+      const auto port = static_cast<std::uint16_t>(test::PortOf(m_listener));
+      ASSERT_EQ(m_notifier.Connect(m_socket, {{127, 0, 0, 1}, port}).error, kWsaWouldBlock);
+      m_peer = test::Descriptor(test::PlainAccept(m_listener));
+      test::PlainSend(m_peer, "abc");
+      if (ends) {
+        ASSERT_EQ(shutdown(m_peer, SHUT_WR), 0);
+      }
+      test::PlainReset(m_peer);
+      std::array<std::uint8_t, 10> room{};
+      for (int i = 0; sends && i < 2; ++i) {
+        EXPECT_EQ(m_notifier.Send(m_socket, room, 0).error, kWsaConnectionReset);
+      }
+      m_events.clear();
+      ASSERT_TRUE(Arrives(kFdRead)) << ends << sends;
+      EXPECT_EQ(m_events, (std::vector<std::int32_t>{kFdConnect, kFdRead}));
+      EXPECT_EQ(m_notifier.Receive(m_socket, room, 0).value, 3);
+      EXPECT_TRUE(Arrives(kFdClose | (kWsaConnectionReset << 16)));
+      m_notifier.Forget(m_socket);
+    }
+  }
+}
+
 }  // namespace
 }  // namespace quenmark::platform
