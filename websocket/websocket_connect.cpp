@@ -191,7 +191,7 @@ bool WebsocketState::CollectAndValidate() {
     case CollectedAnswer::State::kWait:
       return false;
     case CollectedAnswer::State::kCorrupt:
-      if (RaiseError(kInvalidData, "Cannot connect! Incoming Header Data Corrupted. Please try again.")) CloseSocket();
+      EndWith(m_events.OnError, kInvalidData, "Cannot connect! Incoming Header Data Corrupted. Please try again.");
       return false;
     case CollectedAnswer::State::kComplete:
       break;
@@ -221,10 +221,9 @@ bool WebsocketState::ApplyAnswer(AnswerVerdict verdict) {
       return true;
     case Kind::kFailedCheck:
       readyState = kStateClosing;
-      if (RaiseError(verdict.code, verdict.description)) CloseSocket();
-      return false;
+      [[fallthrough]];
     case Kind::kBadRedirect:
-      if (RaiseError(verdict.code, verdict.description)) CloseSocket();
+      EndWith(m_events.OnError, verdict.code, verdict.description);
       return false;
     case Kind::kRedirect:
       return Redirect(verdict.location);
@@ -255,7 +254,7 @@ bool WebsocketState::AcceptUpgrade(AnswerVerdict& verdict) {
 
 bool WebsocketState::Redirect(const std::string& location) {
   if (++m_redirects > kMaxRedirects) {
-    if (RaiseError(kBadGateway, std::string(kRedirectFailed))) CloseSocket();
+    EndWith(m_events.OnError, kBadGateway, std::string(kRedirectFailed));
     return false;
   }
   if (Raise(m_events.OnReConnect, location)) Follow(location);

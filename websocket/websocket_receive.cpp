@@ -42,7 +42,7 @@ void WebsocketState::OnTransportReceive() {
     if (const auto now = m_loop.TheClock().Monotonic(); now - pumped > kPumpInterval) {
       pumped = now;
       m_loop.RunQueued();
-      if (m_dropped || m_connection != connection) return;
+      if (m_dropped || m_connection != connection || readyState == kStateClosed) return;
     }
   }
   ReceivePass();
@@ -104,7 +104,7 @@ bool WebsocketState::RefuseHeader(const FrameHeader& header) {
   if (!tooLong && !header.masked) return false;
   const std::int32_t code = tooLong ? kMessageTooBig : kProtocolError;
   readyState = kStateClosing;
-  if (RaiseError(code, CodeText(code))) CloseSocket();
+  EndWith(m_events.OnError, code, CodeText(code));
   return true;
 }
 
@@ -156,7 +156,7 @@ bool WebsocketState::BeginMessage(const FrameHeader& header, std::size_t end) {
 
 bool WebsocketState::TakeFragment(const FrameHeader& header, std::size_t end) {
   if (header.opcode == kClose) {
-    if (RaiseClose(kAbnormalClosure, "A Close frame was unexpectedly encountered while recieving data.")) CloseSocket();
+    EndWith(m_events.OnClose, kAbnormalClosure, "A Close frame was unexpectedly encountered while recieving data.");
     return false;
   }
   const BytesView bytes = m_received.Unread();
@@ -241,7 +241,7 @@ bool WebsocketState::HandleClose(std::string_view payload) {
     reason = platform::FromWindows1252(payload.substr(2));
   }
   if (reason.empty()) reason = CodeText(code);
-  if (RaiseClose(code, reason)) CloseSocket();
+  EndWith(m_events.OnClose, code, reason);
   return false;
 }
 

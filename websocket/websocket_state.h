@@ -81,6 +81,13 @@ class WebsocketState : public std::enable_shared_from_this<WebsocketState> {
     return Raise(m_events.OnError, code, description);
   }
   bool RaiseClose(std::int32_t code, const std::string& reason) { return Raise(m_events.OnClose, code, reason); }
+  // The last event of a connection that this side then closes: what the server does while the handler waits is not
+  // heard.
+  template <typename Handler>
+  void EndWith(const Handler& handler, std::int32_t code, const std::string& text) {
+    m_sink.reset();
+    if (Raise(handler, code, text)) CloseSocket();
+  }
   bool RaiseNormalClose() { return RaiseClose(kNormalClosure, CodeText(kNormalClosure)); }
 
   // websocket_connect.cpp
@@ -125,7 +132,7 @@ class WebsocketState : public std::enable_shared_from_this<WebsocketState> {
   const WebsocketEvents m_events;
   RandomRange m_random;
 
-  std::shared_ptr<TransportEvents> m_sink;  // what the present transport reports to
+  std::shared_ptr<TransportEvents> m_sink;  // what the present transport reports to; none once it has ended
   std::shared_ptr<Transport> m_transport;
   std::uint64_t m_connection = 0;  // changes whenever another connection begins or everything is reset
   bool m_answered = false;         // the answer is being acted on: what comes while its handlers wait is kept for later

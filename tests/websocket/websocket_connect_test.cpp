@@ -329,5 +329,43 @@ TEST_F(WebsocketConnect, ATransportThatWasLetGoIsNotHeard) {
   }
 }
 
+// The handler waits, and meanwhile the server goes on and closes: the connection has ended already.
+TEST_F(WebsocketConnect, AnEndIsToldOnceAlsoWhenItsHandlerWaits) {
+  const std::string closeFrame = ServerFrame(0x88, "\x03\xE8");
+  const struct {
+    const char* name;
+    bool open;
+    std::string cause;
+    std::string meanwhile;
+  } rows[] = {
+      {"an answer that is cut off", false, "HTTP/1.1 101 Swi", "answer"},
+      {"an answer with a wrong key", false, "HTTP/1.1 101 S\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n\r\n",
+       closeFrame},
+      {"a redirect to nowhere", false, "HTTP/1.1 302 Found\r\n\r\n", "answer"},
+      {"a frame that is too large", true, "\x81\x7F\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF", closeFrame},
+      {"a masked frame", true, "\x81\x81\x01\x02\x03\x04q", closeFrame},
+      {"a close frame", true, closeFrame, closeFrame},
+      {"a close frame among fragments", true, ServerFrame(0x01, "a") + closeFrame, closeFrame},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    socket->Connect("ws://host/");
+    Wire().Establish();
+    const std::string answer = Answer(Wire().TakeSent());
+    if (row.open) Wire().Deliver(answer);
+    log.clear();
+    onEvent = [&](const std::string&) {
+      if (log.size() > 5) return;
+      Wire().Deliver(row.meanwhile == "answer" ? answer : row.meanwhile);
+      Wire().Raise([](auto& events) { events.OnClose(); });
+    };
+    Wire().Deliver(row.cause);
+    EXPECT_EQ(log.size(), 1u) << testing::PrintToString(log);
+    EXPECT_EQ(socket->readyState(), 0);
+    EXPECT_FALSE(Wire().hasSocket);
+    onEvent = nullptr;
+  }
+}
+
 }  // namespace
 }  // namespace quenmark::test

@@ -297,5 +297,20 @@ TEST_F(WebsocketReceive, ALongReadLetsTheLoopRun) {
   EXPECT_THAT(log, ElementsAre("message 2 abcde"));
 }
 
+// The close frame is met while the loop runs amid a long read; what the server sends behind it is not read any more.
+TEST_F(WebsocketReceive, AConnectionThatEndsAmidALongReadIsNotReadFurther) {
+  Open();
+  const platform::WindowId window = loop.CreateHiddenWindow(
+      "other", [&](const platform::Message&) { Wire().Raise([](auto& events) { events.OnReceive(); }); });
+  onEvent = [&](const std::string&) { Wire().Deliver("late"); };
+  Wire().onRead = [&] {
+    clock.Advance(std::chrono::milliseconds(2500));
+    loop.Post({window, platform::kMessageUser, 0, 0});
+  };
+  Wire().Deliver({ServerFrame(0x88, "").substr(0, 1), ServerFrame(0x88, "").substr(1)});
+  EXPECT_THAT(log, ElementsAre(kClosed));
+  EXPECT_EQ(socket->readyState(), 0);
+}
+
 }  // namespace
 }  // namespace quenmark::test
