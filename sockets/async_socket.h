@@ -164,6 +164,7 @@ class cAsyncSocket : public std::enable_shared_from_this<cAsyncSocket> {
     const std::uint64_t generation;
     Wait* const outer;
     const bool outerWaiting;
+    const int exceptions;      // under way when it began
     std::int32_t arrived = 0;  // events seen since it began
   };
 
@@ -213,6 +214,7 @@ class cAsyncSocket : public std::enable_shared_from_this<cAsyncSocket> {
                           std::int32_t flags);
   std::int32_t pvWait(Wait& wait, platform::MonotonicTime deadline, std::int32_t eventMask);
   bool pvTakeMessage(std::uint32_t number);
+  void pvPutBack();
   bool pvLetOneMessageRun(const Wait& wait, const platform::Message& first, bool& leftStanding);
   std::int32_t pvTimeout(std::int32_t timeout, std::int32_t optionName);
   std::int32_t pvElapsed(platform::MonotonicTime since);

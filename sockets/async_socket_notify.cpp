@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <exception>
 #include <utility>
 
 namespace quenmark::sockets {
@@ -122,12 +123,20 @@ cAsyncSocket::Wait::Wait(cAsyncSocket& waiting)
     : socket(waiting),
       generation(waiting.m_generation),
       outer(std::exchange(waiting.m_waits, this)),
-      outerWaiting(std::exchange(waiting.m_waiting, true)) {}
+      outerWaiting(std::exchange(waiting.m_waiting, true)),
+      exceptions(std::uncaught_exceptions()) {}
 
-// Also when a handler throws through the wait.
+// Also when a handler throws through the wait. Nobody asks for what was kept then.
 cAsyncSocket::Wait::~Wait() {
   socket.m_waits = outer;
   socket.m_waiting = outerWaiting;
+  if (outer == nullptr && std::uncaught_exceptions() > exceptions) socket.pvPutBack();
+}
+
+void cAsyncSocket::pvPutBack() {
+  for (const NotifyRecord& record : std::exchange(m_pendingEvents, {})) {
+    m_helper->Post(m_slot, record.wParam, record.lParam);
+  }
 }
 
 bool cAsyncSocket::SyncWaitForEvent(std::int32_t timeout, std::int32_t eventMask) {

@@ -292,5 +292,15 @@ TEST_F(AsyncSocketSync, KeptNotificationsDoNotPileUp) {
   EXPECT_EQ(m_recorder->events, (std::vector<std::string>{"OnReceive", "OnError 10061 1"}));
 }
 
+TEST_F(AsyncSocketSync, WhatAWaitHasKeptIsToldAlsoWhenAHandlerThrowsThroughIt) {
+  ConnectPair();
+  PlainSend(m_peer, "x");
+  const auto window = m_loop.CreateHiddenWindow("any", [](const platform::Message&) { throw 1; });
+  Later(20, [&] { m_loop.Post({window, 2000, 0, 0}); });
+  EXPECT_THROW(m_socket->SyncWaitForEvent(5000, kFdWrite), int);  // READ is kept meanwhile
+  EXPECT_TRUE(m_recorder->events.empty());
+  EXPECT_TRUE(Wait([&] { return m_recorder->Saw("OnReceive"); }));
+}
+
 }  // namespace
 }  // namespace quenmark::test
