@@ -140,7 +140,10 @@ bool cTlsSocket::Connect(std::string_view hostAddress, std::int32_t hostPort, bo
                          std::weak_ptr<ClientCertificateOwner> clientCertCallback, std::string_view alpnProtocols) {
   if (m_context.busy || m_validating) return pvFail(platform::kWsaAlready);
   const std::string host(hostAddress);  // may be a view of the stored name
-  if (SocketHandle() == platform::kInvalidSocket || TlsIsClosed(m_context)) pvForgetConnection();
+  // The engine may be that of a connection whose transport the owner has closed and made anew.
+  std::string peer;
+  std::int32_t port = 0;
+  if (TlsIsClosed(m_context) || !m_oSocket->GetPeerName(peer, port)) pvForgetConnection();
   ++m_generation;
   m_useTls = useTls;
   m_isServer = false;

@@ -284,7 +284,6 @@ cTlsSocket::Step cTlsSocket::pvHandshakeStep(BytesView input, Reader reader) {
     return reader == Reader::kClose && !m_ending.pending ? Step::kMore : Step::kStop;
   }
   if (!pvFinishHandshake()) return Step::kGone;
-  if (!m_context.decrypted.empty()) (void)TlsReceive(m_context, {}, m_plain, m_out);
   return m_ending.pending ? Step::kStop : Step::kMore;
 }
 
@@ -364,6 +363,8 @@ bool cTlsSocket::pvFinishHandshake() {
     if (TlsIsClosed(m_context) && !endedBefore) return false;  // the transport broke meanwhile
   }
   m_established = true;
+  // Behind the end of the connection nothing else would hand it out to a handler that reads.
+  if (!m_context.decrypted.empty()) (void)TlsReceive(m_context, {}, m_plain, m_out);
   if (!pvSealUnsent()) {
     pvRaiseEngineError(kFdWrite);
     return false;

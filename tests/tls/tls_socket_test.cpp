@@ -569,5 +569,54 @@ TEST_P(TlsSocketTest, PassesThroughWithoutTls) {
   EXPECT_TRUE(m_socket->IsClosed());
 }
 
+// --- Once more -------------------------------------------------------------------------------------------------------
+
+// The owner has closed the transport and makes the next one itself.
+TEST_P(TlsSocketTest, ConnectsAgainOnASocketOfItsOwnMaking) {
+  ConnectPair();
+  m_socket->Close_();
+  m_socket->Socket()->Close_();
+  m_peer = std::make_unique<WirePeer>(ServerOptions());
+  ASSERT_TRUE(m_socket->Create());
+  ASSERT_TRUE(m_socket->Connect("127.0.0.1", PortOf(m_listener)));
+  ASSERT_TRUE(WaitFor("OnConnect")) << m_socket->LastError().description;
+  ASSERT_TRUE(m_socket->SendText("again"));
+  EXPECT_TRUE(Wait([&] { return PeerText() == "again"; }));
+}
+
+// The server's last message of the handshake, data and its close_notify come in one read; the handler of OnConnect
+// reads.
+TEST_P(TlsSocketTest, DataBehindTheHandshakeIsThereInOnConnectAlsoBeforeAnEnd) {
+  if (GetParam() != TLS1_2_VERSION) return;
+  for (const bool waits : {false, true}) {
+    const int port = Serve(ServerOptions());
+    m_peer->holdsBack = true;
+    std::string text;
+    m_owner->act = [&](cTlsSocket& socket, const std::string& event) {
+      if (event != "OnConnect") return;
+      tls::Bytes data;
+      EXPECT_TRUE(waits ? socket.SyncReceiveArray(data, 5, 1000) : socket.ReceiveArray(data));
+      text = Text(data);
+    };
+    m_socket = NewSocket();
+    ASSERT_TRUE(m_socket->Connect("127.0.0.1", port));
+    ASSERT_TRUE(Wait([&] { return m_socket->Engine().state == tls::State::kExpectServerHello; }));
+    Settle();
+    m_peer->Read();
+    m_peer->ssl.Run();
+    m_peer->Flush();
+    ASSERT_TRUE(Wait([&] { return m_socket->Engine().state == tls::State::kExpectServerFinished; }));
+    Settle();
+    m_peer->Read();
+    m_peer->ssl.Send(View("hello"));
+    m_peer->CloseNotify();
+    ASSERT_TRUE(WaitFor("OnClose 0"));
+    EXPECT_EQ(text, "hello");
+    EXPECT_EQ(m_owner->received, "");
+    m_owner->events.clear();
+    m_owner->act = nullptr;
+  }
+}
+
 }  // namespace
 }  // namespace quenmark::test
