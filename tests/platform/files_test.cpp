@@ -1,7 +1,7 @@
 #include "platform/files.h"
 
-#include "platform/run_time_error.h"
 #include "tests/support/environment_variable.h"
+#include "tests/support/fault_number.h"
 #include "tests/support/temporary_folder.h"
 
 #include <gtest/gtest.h>
@@ -15,15 +15,7 @@
 namespace quenmark::platform {
 namespace {
 
-template <typename Statement>
-int NumberOf(Statement&& statement) {
-  try {
-    statement();
-  } catch (const RunTimeError& error) {
-    return error.Number();
-  }
-  return 0;
-}
+using test::FaultNumber;
 
 std::filesystem::perms Mode(const std::string& path) {
   return std::filesystem::status(path).permissions();
@@ -65,9 +57,9 @@ TEST(Files, ReadHasALimitAndTakesRegularFilesOnly) {
 
 TEST(Files, AppendAddsAndFailuresAreNumberedAndKeepTheOldContents) {
   const test::TemporaryFolder folder;
-  EXPECT_EQ(NumberOf([&] { SalvarArquivo(folder.File("no/a"), "x"); }), 76);
-  EXPECT_EQ(NumberOf([&] { AppendToFile(folder.File("no/a"), "x"); }), 76);
-  EXPECT_EQ(NumberOf([&] { AppendToFile(folder.Path(), "x"); }), 75);
+  EXPECT_EQ(FaultNumber([&] { SalvarArquivo(folder.File("no/a"), "x"); }), 76);
+  EXPECT_EQ(FaultNumber([&] { AppendToFile(folder.File("no/a"), "x"); }), 76);
+  EXPECT_EQ(FaultNumber([&] { AppendToFile(folder.Path(), "x"); }), 75);
   AppendToFile(folder.File("a"), "o");
   AppendToFile(folder.File("a"), "ld");
   const auto oldTreatment = signal(SIGXFSZ, SIG_IGN);
@@ -77,8 +69,8 @@ TEST(Files, AppendAddsAndFailuresAreNumberedAndKeepTheOldContents) {
   small.rlim_cur = 4096;  // a device that is full after so many bytes
   setrlimit(RLIMIT_FSIZE, &small);
   const std::string text(10'000, 'x');
-  const int write = NumberOf([&] { SalvarArquivo(folder.File("a"), text); });
-  const int append = NumberOf([&] { AppendToFile(folder.File("a"), text); });
+  const int write = FaultNumber([&] { SalvarArquivo(folder.File("a"), text); });
+  const int append = FaultNumber([&] { AppendToFile(folder.File("a"), text); });
   setrlimit(RLIMIT_FSIZE, &old);
   signal(SIGXFSZ, oldTreatment);
   EXPECT_EQ(write, 75);
@@ -94,8 +86,8 @@ TEST(Files, PrivateFolders) {
   EXPECT_EQ(Mode(folder.File("a")), std::filesystem::perms(0700));
   EXPECT_EQ(Mode(folder.File("a/b")), std::filesystem::perms(0700));
   SalvarArquivo(folder.File("file"), "");
-  EXPECT_EQ(NumberOf([&] { CreatePrivateFolders(folder.File("file")); }), 76);
-  EXPECT_EQ(NumberOf([&] { CreatePrivateFolders(folder.File("file/below")); }), 76);
+  EXPECT_EQ(FaultNumber([&] { CreatePrivateFolders(folder.File("file")); }), 76);
+  EXPECT_EQ(FaultNumber([&] { CreatePrivateFolders(folder.File("file/below")); }), 76);
 }
 
 TEST(Files, SymbolsThatStayInTheirFolder) {

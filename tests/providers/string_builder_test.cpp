@@ -1,23 +1,15 @@
 #include "providers/string_builder.h"
 
-#include "platform/run_time_error.h"
+#include "tests/support/fault_number.h"
 
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <string>
 
 namespace quenmark::providers {
 namespace {
 
-int ErrorOf(const std::function<void()>& call) {
-  try {
-    call();
-  } catch (const platform::RunTimeError& error) {
-    return error.Number();
-  }
-  return 0;
-}
+using test::FaultNumber;
 
 TEST(StringBuilder, GrowsAndShrinksByWholeChunks) {
   cStringBuilder builder;
@@ -40,7 +32,7 @@ TEST(StringBuilder, GrowsAndShrinksByWholeChunks) {
   builder.TheString("");
   EXPECT_EQ(builder.Capacity(), 0);
   EXPECT_EQ(builder.toString(), "");
-  EXPECT_EQ(ErrorOf([&] { builder.ChunkSize(0); }), 5);
+  EXPECT_EQ(FaultNumber([&] { builder.ChunkSize(0); }), 5);
 }
 
 TEST(StringBuilder, CountsUtf16Units) {
@@ -56,12 +48,12 @@ TEST(StringBuilder, CountsUtf16Units) {
 
 TEST(StringBuilder, RefusesPositionsOutside) {
   cStringBuilder builder;
-  EXPECT_EQ(ErrorOf([&] { builder.Insert(1, "x"); }), 9);
+  EXPECT_EQ(FaultNumber([&] { builder.Insert(1, "x"); }), 9);
   builder.Append("abc");
-  EXPECT_EQ(ErrorOf([&] { builder.Insert(4, "x"); }), 9);
-  EXPECT_EQ(ErrorOf([&] { builder.InsertByVal(0, "x"); }), 9);
-  EXPECT_EQ(ErrorOf([&] { builder.Remove(1, 3); }), 9);
-  EXPECT_EQ(ErrorOf([&] { builder.Remove(2, 2'147'483'647); }), 9);
+  EXPECT_EQ(FaultNumber([&] { builder.Insert(4, "x"); }), 9);
+  EXPECT_EQ(FaultNumber([&] { builder.InsertByVal(0, "x"); }), 9);
+  EXPECT_EQ(FaultNumber([&] { builder.Remove(1, 3); }), 9);
+  EXPECT_EQ(FaultNumber([&] { builder.Remove(2, 2'147'483'647); }), 9);
   EXPECT_EQ(builder.toString(), "abc");
   builder.Insert(3, "x");
   builder.Remove(1, 2);
