@@ -5,11 +5,6 @@
 namespace quenmark::platform {
 namespace {
 
-TEST(HttpAddress, EscapesBlankControlAndNonAscii) {
-  EXPECT_EQ(EscapeAddress("http://h/a b\t\r\n\x7F\xC3\xA9%20?q=\"x\"&[1]#f"),
-            "http://h/a%20b%09%0D%0A%7F%C3%A9%20?q=\"x\"&[1]#f");
-}
-
 TEST(HttpAddress, PartsAndWhatMayBePrinted) {
   constexpr const char* kNone = "none";
   using Row = std::pair<const char*, const char*>;

@@ -82,10 +82,9 @@ TEST_F(Descriptions, BarchartNamesComeFromThePageTitle) {
 
 TEST_F(Descriptions, StationSymbolsAreFetchedOnce) {
   server.Put("/v1/marketdata/symbols/MSFT",
-             {.body = R"({"Symbols":[{"Symbol":"MSFT","AssetType":"STOCK","PriceFormat":{"Decimals":"2","Increment":)"
-                      R"("0.01","PointValue":1.0}}],"Errors":[]})"});
-  EXPECT_EQ(providers::GetStationSymbolInfo(context, "msft", "TICK"), "0.01");
-  EXPECT_EQ(providers::GetStationSymbolInfo(context, "msft", "fator"), "1");
+             {.body = R"({"Symbols":[{"Symbol":"MSFT","AssetType":"STOCK","Description":"Micro"}]})"});
+  EXPECT_EQ(providers::GetStationSymbolInfo(context, "msft", "TYPE"), "STOCK");
+  EXPECT_EQ(providers::GetStationSymbolInfo(context, "msft", "desc"), "Micro");
   EXPECT_EQ(context.providerName, "TradeStation");
   EXPECT_EQ(server.Seen().size(), 1u);
 }

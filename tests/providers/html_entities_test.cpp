@@ -1,7 +1,5 @@
 #include "providers/html_entities.h"
 
-#include "platform/code_page.h"
-
 #include <gtest/gtest.h>
 
 #include <random>
@@ -21,12 +19,9 @@ TEST(HtmlEntityDecode, ReplacesTheListedEntities) {
         Row{"&#39;&#039;&#126;&#127;&#0039;", "''~&#127;&#0039;"},
         Row{"&Agrave;&szlig;&yuml;&iexcl;&divide;&times;", "Àßÿ¡÷×"}, Row{"&#192;&#255;&#215;&#247;&#191;", "Àÿ×÷¿"},
         Row{"&OElig;&euro;&trade;&#8364;&#8482;&hellip;", "Œ€™€™…"},
-        Row{"&AMP;&Amp;&ampx;&amp", "&AMP;&Amp;&ampx;&amp"}}) {
-    EXPECT_EQ(HtmlEntityDecode(text), expected) << text;
-  }
-  // A replacement completes an entity further down the list, but not one further up.
-  for (const auto& [text, expected] :
-       {Row{"&#38;#39;", "'"}, Row{"&#38;#37;", "&#37;"}, Row{"&#38;amp;", "&amp;"}, Row{"&ie&nbsp;xcl;", "¡"},
+        Row{"&AMP;&Amp;&ampx;&amp", "&AMP;&Amp;&ampx;&amp"},
+        // A replacement completes an entity further down the list, but not one further up.
+        Row{"&#38;#39;", "'"}, Row{"&#38;#37;", "&#37;"}, Row{"&#38;amp;", "&amp;"}, Row{"&ie&nbsp;xcl;", "¡"},
         Row{"&Agr&nbsp;ave;", "&Agrave;"}, Row{"&#1&#48;0;", "d"}, Row{"&#100&#59;", "d"}, Row{"&euro&#59;", "&euro;"},
         Row{"&&amp;&;;", "&&&;;"}}) {
     EXPECT_EQ(HtmlEntityDecode(text), expected) << text;

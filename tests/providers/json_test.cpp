@@ -82,12 +82,6 @@ TEST(ParseJson, CutAnywhereKeepsTheEntriesBefore) {
 }
 
 TEST(ParseJson, NumbersAreDecimals) {
-  const auto check = [](const std::string& text, const std::string& expected) {
-    const JsonDocument document = ParseJson("[" + text + "]");
-    ASSERT_EQ(document.Value().Items().size(), 1u) << text;
-    EXPECT_EQ(document.Value().Items()[0].Text(), expected) << text;
-    EXPECT_EQ(document.Value().Items()[0].IsEmpty(), expected.empty()) << text;
-  };
   using Row = std::pair<std::string, std::string>;
   for (const auto& [text, expected] :
        {Row{"463.370", "463.37"}, Row{"-0", "0"}, Row{"+1", "1"}, Row{".5", "0.5"}, Row{"5.", "5"}, Row{"007", "7"},
@@ -97,11 +91,14 @@ TEST(ParseJson, NumbersAreDecimals) {
         Row{"7.9228162514264337593543950336", "7.922816251426433759354395034"},
         Row{"0.12345678901234567890123456785", "0.1234567890123456789012345679"},
         Row{"1e-28", "0.0000000000000000000000000001"}, Row{"4e-29", "0"},
-        Row{"5e-29", "0.0000000000000000000000000001"}, Row{"0e99999999999999999999", "0"}}) {
-    check(text, expected);
-  }
-  for (const char* text : {"79228162514264337593543950336", "1e99999999999999999999", "1e", "1.2.3", "--1", "e5"}) {
-    check(text, "");
+        Row{"5e-29", "0.0000000000000000000000000001"}, Row{"0e99999999999999999999", "0"},
+        // no number, or too large for a decimal
+        Row{"79228162514264337593543950336", ""}, Row{"1e99999999999999999999", ""}, Row{"1e", ""}, Row{"1.2.3", ""},
+        Row{"--1", ""}, Row{"e5", ""}}) {
+    const JsonDocument document = ParseJson("[" + text + "]");
+    ASSERT_EQ(document.Value().Items().size(), 1u) << text;
+    EXPECT_EQ(document.Value().Items()[0].Text(), expected) << text;
+    EXPECT_EQ(document.Value().Items()[0].IsEmpty(), expected.empty()) << text;
   }
 }
 

@@ -1,5 +1,6 @@
 #include "providers/quote_scan.h"
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 
 #include <string>
@@ -17,23 +18,16 @@ constexpr const char* kUpdate = R"({"Symbol":"SPY","Last":"1.65","TradeTime":"20
 constexpr const char* kUpdateQuote = "SPY|1.65|2026-05-10t18:00:24z;";
 
 // The quotes found in a text that arrives in pieces.
-class Scanned {
- public:
-  std::string operator()(const std::vector<std::string_view>& pieces) {
-    std::string found;
-    providers::QuoteScan scan([&found](const providers::StreamQuote& quote) {
-      found.append(quote.symbol).append("|").append(quote.last).append("|").append(quote.tradeTime);
-      if (quote.hasBook) {
-        for (const std::string_view value : {quote.bid, quote.bidSize, quote.ask, quote.askSize}) {
-          found.append("|").append(value);
-        }
-      }
-      found += ';';
-    });
-    for (const std::string_view piece : pieces) scan.Feed(piece);
-    return found;
-  }
-};
+std::string Scanned(const std::vector<std::string_view>& pieces) {
+  std::string found;
+  providers::QuoteScan scan([&found](const providers::StreamQuote& quote) {
+    found += fmt::format("{}|{}|{}", quote.symbol, quote.last, quote.tradeTime);
+    if (quote.hasBook) found += fmt::format("|{}|{}|{}|{}", quote.bid, quote.bidSize, quote.ask, quote.askSize);
+    found += ';';
+  });
+  for (const std::string_view piece : pieces) scan.Feed(piece);
+  return found;
+}
 
 TEST(QuoteScan, SameQuotesHoweverTheTextIsCut) {
   const std::string update = kUpdate;
@@ -50,21 +44,21 @@ TEST(QuoteScan, SameQuotesHoweverTheTextIsCut) {
         Row{"{\"Symbol\":\"A\n" + update, kUpdateQuote}}) {                         // a line break in a text
     SCOPED_TRACE(whole);
     const std::string_view text = whole;
-    EXPECT_EQ(Scanned()({text}), quotes);
+    EXPECT_EQ(Scanned({text}), quotes);
     std::vector<std::string_view> bytes;
     for (std::size_t i = 0; i < text.size(); ++i) bytes.push_back(text.substr(i, 1));
-    EXPECT_EQ(Scanned()(bytes), quotes);
+    EXPECT_EQ(Scanned(bytes), quotes);
     for (std::size_t cut = 0; cut <= text.size(); ++cut) {
-      ASSERT_EQ(Scanned()({text.substr(0, cut), text.substr(cut)}), quotes) << cut;
+      ASSERT_EQ(Scanned({text.substr(0, cut), text.substr(cut)}), quotes) << cut;
     }
   }
 }
 
 TEST(QuoteScan, DropsAnObjectAboveTheLimitAndGoesOn) {
   const std::string huge = "{\"Symbol\":\"" + std::string(providers::QuoteScan::kLargestObject, 'A');
-  EXPECT_EQ(Scanned()({huge, "\"}\n", kUpdate}), kUpdateQuote);
+  EXPECT_EQ(Scanned({huge, "\"}\n", kUpdate}), kUpdateQuote);
   const std::string braces(providers::QuoteScan::kLargestObject + 1, '{');
-  EXPECT_EQ(Scanned()({braces, kUpdate}), kUpdateQuote);
+  EXPECT_EQ(Scanned({braces, kUpdate}), kUpdateQuote);
 }
 
 }  // namespace
