@@ -44,6 +44,13 @@ class MessageLoopTest : public ::testing::Test {
   void Note(const Message& message) {
     noted.push_back(message.number == kMessageTimer ? -int(message.wParam) : int(message.number));
   }
+  // A timer that runs.
+  std::unique_ptr<Timer> Ticking(std::chrono::milliseconds interval, std::function<void()> tick,
+                                 TimerKind kind = TimerKind::kMainTick) {
+    auto timer = std::make_unique<Timer>(loop, interval, std::move(tick), kind);
+    timer->SetEnabled(true);
+    return timer;
+  }
   MonotonicTime In(std::chrono::milliseconds time) { return clock.Monotonic() + time; }
   std::chrono::milliseconds Elapsed() const {
     return std::chrono::duration_cast<std::chrono::milliseconds>(clock.Monotonic() - start);
@@ -53,6 +60,8 @@ class MessageLoopTest : public ::testing::Test {
   const MonotonicTime start = clock.Monotonic();
   MessageLoop loop{clock};
   std::vector<int> noted;
+  const SocketPair pair;
+  Message peeked;
 };
 
 TEST_F(MessageLoopTest, PostedMessagesRunInOrderAcrossTheGrowthOfTheQueue) {
@@ -68,17 +77,11 @@ TEST_F(MessageLoopTest, PostedMessagesRunInOrderAcrossTheGrowthOfTheQueue) {
   EXPECT_EQ(noted, expected);
 }
 
-TEST_F(MessageLoopTest, WindowsAreFoundByNameKeepTheirDataWeaklyAndTakeNothingOnceGone) {
+TEST_F(MessageLoopTest, WindowsAreFoundByNameAndTakeNothingOnceGone) {
   EXPECT_EQ(loop.FindHiddenWindow("a"), 0u);
   const WindowId window = NotingWindow("a");
   NotingWindow("a");
   EXPECT_EQ(loop.FindHiddenWindow("a"), window);
-  auto data = std::make_shared<int>(4);
-  EXPECT_EQ(loop.WindowData(window), nullptr);
-  loop.SetWindowData(window, data);
-  EXPECT_EQ(loop.WindowData(window), data);
-  data.reset();
-  EXPECT_EQ(loop.WindowData(window), nullptr);
   EXPECT_TRUE(loop.Post({window, 1, 0, 0}));
   loop.DestroyWindow(window);
   EXPECT_FALSE(loop.Post({window, 2, 0, 0}));
@@ -94,15 +97,14 @@ TEST_F(MessageLoopTest, PeekAndRemoveTakeWhatIsNamedAndLeaveTheRest) {
     loop.Post({first, number, number * 10, 0});
     loop.Post({second, number + 100, 0, -1});
   }
-  Message message;
-  EXPECT_FALSE(loop.Peek(message, {first, 100, 200}, true));
-  ASSERT_TRUE(loop.Peek(message, {0, 102, 103}, false));
-  EXPECT_EQ(message.number, 102u);
-  ASSERT_TRUE(loop.Peek(message, {second, 102, 103}, true));
-  EXPECT_EQ(message.number, 102u);
-  EXPECT_EQ(message.lParam, -1);
-  ASSERT_TRUE(loop.Peek(message, {first, 2, 2}, true));
-  EXPECT_EQ(message.wParam, 20u);
+  EXPECT_FALSE(loop.Peek(peeked, {first, 100, 200}, true));
+  ASSERT_TRUE(loop.Peek(peeked, {0, 102, 103}, false));
+  EXPECT_EQ(peeked.number, 102u);
+  ASSERT_TRUE(loop.Peek(peeked, {second, 102, 103}, true));
+  EXPECT_EQ(peeked.number, 102u);
+  EXPECT_EQ(peeked.lParam, -1);
+  ASSERT_TRUE(loop.Peek(peeked, {first, 2, 2}, true));
+  EXPECT_EQ(peeked.wParam, 20u);
   loop.RemoveMessages(second, [](const Message& removed) { return removed.number % 2 == 0; });
   loop.RunQueued();
   EXPECT_THAT(noted, ElementsAre(1, 101, 3, 103, 4));
@@ -115,9 +117,8 @@ TEST_F(MessageLoopTest, TimersComeAfterPostedMessagesEarliestFirstAndOnceForAllT
   loop.SetTimer(window, 3, 30ms);
   clock.Advance(25ms);
   loop.Post({window, 7, 0, 0});
-  Message message;
-  ASSERT_TRUE(loop.Peek(message, {window, kMessageTimer, kMessageTimer}, false));
-  EXPECT_EQ(message.wParam, 2u);
+  ASSERT_TRUE(loop.Peek(peeked, {window, kMessageTimer, kMessageTimer}, false));
+  EXPECT_EQ(peeked.wParam, 2u);
   loop.RunQueued();
   EXPECT_THAT(noted, ElementsAre(7, -2, -1));
   clock.Advance(4ms);
@@ -129,8 +130,7 @@ TEST_F(MessageLoopTest, TimersComeAfterPostedMessagesEarliestFirstAndOnceForAllT
 }
 
 TEST_F(MessageLoopTest, OverdueTimersComeThoughMessagesNeverEnd) {
-  WindowId window = 0;
-  window = loop.CreateHiddenWindow("busy", [&](const Message& message) {
+  const WindowId window = loop.CreateHiddenWindow("busy", [&](const Message& message) {
     if (message.number == kMessageTimer) {
       noted.push_back(int(Elapsed().count()));
       if (noted.size() == 2) loop.Quit();
@@ -168,10 +168,9 @@ TEST_F(MessageLoopTest, KilledAndRestartedTimers) {
 }
 
 TEST_F(MessageLoopTest, AHandlerMayDestroyItsWindowWithMessagesAndTimersPending) {
-  WindowId window = 0;
   const auto big = std::make_shared<std::string>("kept");
-  window = loop.CreateHiddenWindow("self", [this, &window, big](const Message& message) {
-    loop.DestroyWindow(window);
+  const WindowId window = loop.CreateHiddenWindow("self", [this, big](const Message& message) {
+    loop.DestroyWindow(message.window);
     Note(message);
     EXPECT_EQ(*big, "kept");
   });
@@ -185,9 +184,8 @@ TEST_F(MessageLoopTest, AHandlerMayDestroyItsWindowWithMessagesAndTimersPending)
 }
 
 TEST_F(MessageLoopTest, RunQueuedEndsThoughAHandlerPostsToItselfAndATimerComesDueAgain) {
-  WindowId window = 0;
   int runs = 0;
-  window = loop.CreateHiddenWindow("self", [&](const Message& message) {
+  const WindowId window = loop.CreateHiddenWindow("self", [&](const Message& message) {
     ++runs;
     loop.Post(message);
   });
@@ -206,38 +204,32 @@ TEST_F(MessageLoopTest, RunQueuedEndsThoughAHandlerPostsToItselfAndATimerComesDu
 }
 
 TEST_F(MessageLoopTest, DescriptorsAreLookedAtDuringALongRunOfMessages) {
-  const SocketPair pair;
-  WindowId window = 0;
   bool ready = false;
-  window = loop.CreateHiddenWindow("self", [&](const Message& message) { loop.Post(message); });
+  const WindowId window = loop.CreateHiddenWindow("self", [&](const Message& message) { loop.Post(message); });
   loop.Watch(pair.own, {.read = true}, Trigger::kEdge, [&](Readiness) { ready = true; });
   loop.Post({window, 1, 0, 0});
   pair.PeerWrites("x");
-  Message message;
   for (int i = 0; i < 100; ++i) {  // always finds a message, yet must not go blind
-    ASSERT_TRUE(loop.Peek(message, {}, true));
-    loop.Dispatch(message);
+    ASSERT_TRUE(loop.Peek(peeked, {}, true));
+    loop.Dispatch(peeked);
   }
   EXPECT_TRUE(ready);
 }
 
 TEST_F(MessageLoopTest, PeekSeesReadinessThatHasJustArrived) {
-  const SocketPair pair;
   const WindowId window = NotingWindow();
   loop.Watch(pair.own, {.read = true}, Trigger::kEdge, [&](Readiness ready) {
     loop.Post({window, ready.read ? 50u : 51u, 0, 0});
   });
-  Message message;
-  EXPECT_FALSE(loop.Peek(message, {}, false));
+  EXPECT_FALSE(loop.Peek(peeked, {}, false));
   pair.PeerWrites("x");
-  EXPECT_TRUE(loop.Peek(message, {window, 50, 50}, true));
-  EXPECT_FALSE(loop.Peek(message, {}, false));  // the edge has been told
+  EXPECT_TRUE(loop.Peek(peeked, {window, 50, 50}, true));
+  EXPECT_FALSE(loop.Peek(peeked, {}, false));  // the edge has been told
   pair.PeerWrites("y");
-  EXPECT_TRUE(loop.Peek(message, {window, 50, 50}, true));
+  EXPECT_TRUE(loop.Peek(peeked, {window, 50, 50}, true));
 }
 
 TEST_F(MessageLoopTest, LevelTriggeredReadinessIsToldUntilItIsGoneAndCanBeSwitched) {
-  const SocketPair pair;
   int reads = 0;
   int writes = 0;
   const WatchId watch = loop.Watch(pair.own, {.read = true}, Trigger::kLevel, [&](Readiness ready) {
@@ -247,32 +239,30 @@ TEST_F(MessageLoopTest, LevelTriggeredReadinessIsToldUntilItIsGoneAndCanBeSwitch
   ASSERT_NE(watch, 0u);
   EXPECT_EQ(loop.Watch(-1, {.read = true}, Trigger::kLevel, [](Readiness) {}), 0u);
   pair.PeerWrites("x");
-  Message message;
-  for (int i = 0; i < 3; ++i) loop.Peek(message, {}, false);
+  for (int i = 0; i < 3; ++i) loop.Peek(peeked, {}, false);
   EXPECT_EQ(reads, 3);
   loop.ChangeWatch(watch, {.write = true});
-  loop.Peek(message, {}, false);
+  loop.Peek(peeked, {}, false);
   EXPECT_EQ(reads, 3);
   EXPECT_EQ(writes, 1);
   loop.Unwatch(watch);
   loop.Unwatch(watch);
-  loop.Peek(message, {}, false);
+  loop.Peek(peeked, {}, false);
   EXPECT_EQ(writes, 1);
 }
 
 TEST_F(MessageLoopTest, AReadyHandlerMayUnwatchItselfAndOthers) {
-  const SocketPair first;
-  const SocketPair second;
+  const SocketPair other;
   std::array<WatchId, 2> watches{};
   int runs = 0;
   const auto handler = [&](Readiness) {
     ++runs;
     for (const WatchId watch : watches) loop.Unwatch(watch);
   };
-  watches[0] = loop.Watch(first.own, {.read = true}, Trigger::kLevel, handler);
-  watches[1] = loop.Watch(second.own, {.read = true}, Trigger::kLevel, handler);
-  first.PeerWrites("x");
-  second.PeerWrites("x");
+  watches[0] = loop.Watch(pair.own, {.read = true}, Trigger::kLevel, handler);
+  watches[1] = loop.Watch(other.own, {.read = true}, Trigger::kLevel, handler);
+  pair.PeerWrites("x");
+  other.PeerWrites("x");
   loop.RunQueued();
   EXPECT_EQ(runs, 1);
 }
@@ -316,7 +306,6 @@ TEST_F(MessageLoopTest, WaitUntilEndsWhenDoneOrAtTheDeadlineToTheMillisecond) {
   EXPECT_FALSE(loop.WaitUntil([] { return false; }, In(25ms)));
   EXPECT_EQ(Elapsed(), 55ms);
   EXPECT_EQ(noted.size(), 5u);
-  const SocketPair pair;
   bool done = false;
   loop.Watch(pair.own, {.read = true}, Trigger::kEdge, [&](Readiness) { done = true; });
   pair.PeerWrites("x");
@@ -325,13 +314,12 @@ TEST_F(MessageLoopTest, WaitUntilEndsWhenDoneOrAtTheDeadlineToTheMillisecond) {
 }
 
 TEST_F(MessageLoopTest, WaitsNestToAnyDepth) {
-  WindowId window = 0;
   int depth = 0;
   int deepest = 0;
-  window = loop.CreateHiddenWindow("nested", [&](const Message& message) {
+  const WindowId window = loop.CreateHiddenWindow("nested", [&](const Message& message) {
     deepest = std::max(deepest, ++depth);
     if (message.wParam > 0) {
-      loop.Post({window, 1, message.wParam - 1, 0});
+      loop.Post({message.window, 1, message.wParam - 1, 0});
       loop.Sleep(1ms);
     }
     --depth;
@@ -346,42 +334,32 @@ TEST_F(MessageLoopTest, WaitsNestToAnyDepth) {
 TEST_F(MessageLoopTest, AMainTickDoesNotNest) {
   int depth = 0;
   std::vector<long> begins;
-  Timer tick(
-      loop, 100ms,
-      [&] {
-        EXPECT_EQ(++depth, 1);
-        begins.push_back(Elapsed().count());
-        loop.Sleep(250ms);
-        --depth;
-      },
-      TimerKind::kMainTick);
   int others = 0;
-  Timer other(loop, 50ms, [&] { ++others; });
-  tick.SetEnabled(true);
-  other.SetEnabled(true);
+  const auto tick = Ticking(100ms, [&] {
+    EXPECT_EQ(++depth, 1);
+    begins.push_back(Elapsed().count());
+    loop.Sleep(250ms);
+    --depth;
+  });
+  const auto other = Ticking(
+      50ms, [&] { ++others; }, TimerKind::kOrdinary);
   loop.WaitUntil([&] { return begins.size() == 3; }, MonotonicTime::max());
   EXPECT_THAT(begins, ElementsAre(100, 350, 600));
   EXPECT_GE(others, 14);
 }
 
 TEST_F(MessageLoopTest, AMainTickThatThrowsTicksOn) {
-  Timer tick(
-      loop, 10ms,
-      [this] {
-        noted.push_back(1);
-        if (noted.size() == 1) throw std::runtime_error("out");
-      },
-      TimerKind::kMainTick);
-  tick.SetEnabled(true);
+  const auto tick = Ticking(10ms, [this] {
+    noted.push_back(1);
+    if (noted.size() == 1) throw std::runtime_error("out");
+  });
   EXPECT_THROW(loop.Sleep(100ms), std::runtime_error);
   loop.Sleep(25ms);
   EXPECT_EQ(noted.size(), 3u);
 }
 
 TEST_F(MessageLoopTest, AMainTickThatCameDueDuringAPauseRunsOnceAfterwards) {
-  Timer tick(
-      loop, 10ms, [this] { noted.push_back(1); }, TimerKind::kMainTick);
-  tick.SetEnabled(true);
+  const auto tick = Ticking(10ms, [this] { noted.push_back(1); });
   {
     const MessageLoop::MainTickPause pause(loop);
     loop.Sleep(35ms);
@@ -393,13 +371,10 @@ TEST_F(MessageLoopTest, AMainTickThatCameDueDuringAPauseRunsOnceAfterwards) {
 }
 
 TEST_F(MessageLoopTest, DispatchOneDuringWaitTakesAnythingButTheMainTick) {
-  Timer tick(
-      loop, 10ms, [this] { noted.push_back(1); }, TimerKind::kMainTick);
-  Timer other(loop, 10ms, [this] { noted.push_back(2); });
-  const WindowId window = NotingWindow();
-  tick.SetEnabled(true);
-  other.SetEnabled(true);
-  loop.Post({window, 3, 0, 0});
+  const auto tick = Ticking(10ms, [this] { noted.push_back(1); });
+  const auto other = Ticking(
+      10ms, [this] { noted.push_back(2); }, TimerKind::kOrdinary);
+  loop.Post({NotingWindow(), 3, 0, 0});
   loop.WaitForWork(10ms);  // returns at once, as something is queued, and dispatches nothing
   EXPECT_EQ(Elapsed(), 0ms);
   loop.WaitForReadiness(4ms);  // does not
@@ -418,17 +393,13 @@ TEST_F(MessageLoopTest, DispatchOneDuringWaitTakesAnythingButTheMainTick) {
   EXPECT_THAT(noted, UnorderedElementsAre(3, 2, 1, 2));
 }
 
-TEST_F(MessageLoopTest, RunEndsWithQuitAlsoOneGivenBefore) {
-  const WindowId window = loop.CreateHiddenWindow("quit", [this](const Message& message) {
-    Note(message);
-    if (message.number == 2) loop.Quit();
-  });
-  for (std::uint32_t number = 1; number <= 3; ++number) loop.Post({window, number, 0, 0});
-  loop.Run();
-  EXPECT_THAT(noted, ElementsAre(1, 2));
+TEST_F(MessageLoopTest, AQuitGivenBeforeEndsOneRun) {
+  const WindowId window = loop.CreateHiddenWindow("quit", [this](const Message&) { loop.Quit(); });
   loop.Quit();
   loop.Run();
-  EXPECT_THAT(noted, ElementsAre(1, 2));
+  loop.Post({window, 1, 0, 0});
+  loop.Run();
+  EXPECT_FALSE(loop.Peek(peeked, {}, false));
 }
 
 TEST_F(MessageLoopTest, TheHookRunsAfterEachMessageAndBeforeASleep) {
@@ -455,13 +426,11 @@ TEST_F(MessageLoopTest, TheHookRunsAfterEachMessageAndBeforeASleep) {
 }
 
 TEST_F(MessageLoopTest, WaitsInRealTimeWhileSomethingOutsideIsAwaited) {
-  const SocketPair pair;
   bool done = false;
   loop.Watch(pair.own, {.read = true}, Trigger::kEdge, [&](Readiness) { done = true; });
   const MessageLoop::OutsideWork outside(loop);
   // Both the short real wait and the timer that it passes are seen: the peer writes when the timer has fired.
-  Timer timer(loop, 20ms, [&] { pair.PeerWrites("x"); });
-  timer.SetEnabled(true);
+  const auto timer = Ticking(20ms, [&] { pair.PeerWrites("x"); });
   const auto before = std::chrono::steady_clock::now();
   EXPECT_TRUE(loop.WaitUntil([&] { return done; }, In(60'000ms)));
   EXPECT_GE(std::chrono::steady_clock::now() - before, 19ms);
@@ -489,13 +458,11 @@ TEST_F(MessageLoopTest, TimerProperties) {
 }
 
 TEST_F(MessageLoopTest, ATickMayDestroyItsTimer) {
-  std::unique_ptr<Timer> timer;
   std::string state = "a text that is too long to be stored within the function object";
-  timer = std::make_unique<Timer>(loop, 5ms, [&, state] {
+  std::unique_ptr<Timer> timer = Ticking(5ms, [&, state] {
     timer.reset();
     noted.push_back(int(state.size()));
   });
-  timer->SetEnabled(true);
   loop.Sleep(50ms);
   EXPECT_THAT(noted, ElementsAre(int(state.size())));
 }
@@ -516,7 +483,6 @@ TEST_F(MessageLoopTest, EveryKindOfBusynessLeavesRoomForOverdueTimers) {
       if (busy != Busy::kReadiness && elapsed() < 10s) loop.Post(message);
     });
     loop.SetTimer(window, 1, 1000ms);
-    const SocketPair pair;
     WatchId watch = 0;
     if (busy == Busy::kReadiness) {
       pair.PeerWrites("x");
