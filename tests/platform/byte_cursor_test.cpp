@@ -47,24 +47,8 @@ TEST(ByteReader, BlockMustBeConsumed) {
   // An inner block may not reach beyond the outer one.
   const Bytes overlong = {2, 2, 7, 8};
   ByteReader reader(overlong);
-  bool ran = false;
-  reader.Block(1, [&] { reader.Block(1, [&] { ran = true; }); });
-  EXPECT_FALSE(ran);
+  reader.Block(1, [&] { reader.Block(1, [] { ADD_FAILURE(); }); });
   EXPECT_FALSE(reader.Ok());
-}
-
-TEST(ByteReader, EveryCutFails) {
-  const Bytes whole = {0, 5, 1, 7, 2, 8, 9};
-  for (std::size_t size = 0; size <= whole.size(); ++size) {
-    ByteReader reader(std::span<const std::uint8_t>(whole).first(size));
-    bool ran = false;
-    reader.Block(2, [&] {
-      ran = true;
-      while (reader.Remaining() > 0) reader.TakeBlock(1);
-    });
-    EXPECT_EQ(reader.Done(), size == whole.size()) << size;
-    EXPECT_EQ(ran, size == whole.size()) << size;
-  }
 }
 
 TEST(ByteWriter, FillsLengthsInAndFailsWhatDoesNotFit) {

