@@ -43,7 +43,6 @@ TEST(Handshake, WhatIsAdded) {
   EXPECT_EQ(WithOrigin("", url), "Origin: http://host/p\r\n");
   EXPECT_EQ(WithOrigin("ORIGIN: https://other\r\n", url), "ORIGIN: https://other\r\n");
   EXPECT_EQ(OfferDeflate(""), "permessage-deflate; server_no_context_takeover");
-  EXPECT_EQ(OfferDeflate("x-foo"), "x-foo, permessage-deflate; server_no_context_takeover");
   EXPECT_EQ(OfferDeflate("Permessage-Deflate"), "Permessage-Deflate");
 }
 
@@ -88,10 +87,6 @@ TEST(Answer, Collect) {
     State state;
     std::size_t length;
   } rows[] = {
-      {"", State::kWait, 0},
-      {"H", State::kWait, 0},
-      {"HTTP/1.1 10", State::kCorrupt, 0},
-      {"HTTP/1.1 101 x\r\n", State::kCorrupt, 0},
       {head, State::kComplete, head.size()},
       {head + "12345", State::kComplete, head.size() + 5},
       {head + "123", State::kComplete, head.size() + 3},
@@ -109,29 +104,25 @@ TEST(Answer, Collect) {
 }
 
 TEST(Answer, Upgrade) {
-  AnswerVerdict verdict = ValidateAnswer(kGood, kAccept);
-  EXPECT_EQ(verdict.kind, Kind::kAccepted);
-  EXPECT_EQ(verdict.protocols, "a, b");
-  EXPECT_EQ(verdict.extensions, "");
-
-  const auto without = [](const std::string& part, const std::string& other) {
-    std::string answer = kGood;
-    return answer.replace(answer.find(part), part.size(), other);
-  };
+  const AnswerVerdict good = ValidateAnswer(kGood, kAccept);
+  EXPECT_EQ(good.kind, Kind::kAccepted);
+  EXPECT_EQ(good.protocols, "a, b");
+  EXPECT_EQ(good.extensions, "");
   const struct {
-    std::string answer;
+    std::string part, other;  // in its place
     std::string accept;
     std::string text;
   } rows[] = {
-      {without("Upgrade: WebSocket\r\n", ""), kAccept, "Invalid handshake recieved. Upgrade header not present."},
-      {without("Upgrade: WebSocket", "Upgrade: h2c"), kAccept,
-       "Invalid handshake recieved. Upgrade header not present."},
-      {without("Connection: upgrade\r\n", ""), kAccept, "Invalid handshake recieved. Connection header not present."},
-      {without("xOo=", "XOO="), kAccept, "The client-server secret key challenge failed."},
-      {without("Sec-WebSocket-Accept", "X"), "", "The client-server secret key challenge failed."},
+      {"Upgrade: WebSocket\r\n", "", kAccept, "Invalid handshake recieved. Upgrade header not present."},
+      {"Upgrade: WebSocket", "Upgrade: h2c", kAccept, "Invalid handshake recieved. Upgrade header not present."},
+      {"Connection: upgrade\r\n", "", kAccept, "Invalid handshake recieved. Connection header not present."},
+      {"xOo=", "XOO=", kAccept, "The client-server secret key challenge failed."},
+      {"Sec-WebSocket-Accept", "X", "", "The client-server secret key challenge failed."},
   };
   for (const auto& row : rows) {
-    verdict = ValidateAnswer(row.answer, row.accept);
+    std::string answer = kGood;
+    const AnswerVerdict verdict =
+        ValidateAnswer(answer.replace(answer.find(row.part), row.part.size(), row.other), row.accept);
     EXPECT_EQ(verdict.kind, Kind::kFailedCheck);
     EXPECT_EQ(verdict.code, 1002);
     EXPECT_EQ(verdict.description, row.text);
@@ -177,19 +168,13 @@ TEST(Answer, OtherStatuses) {
 // An answer is taken whole or not at all: cut anywhere before its end it is waited for (one byte) or corrupt, and the
 // frames behind it do not matter.
 TEST(Answer, CutAtEveryOffset) {
-  for (const std::string tail : {"", "\x81\x02hi"}) {
-    const std::string stream = kGood + tail;
-    for (std::size_t length = 0; length <= stream.size(); ++length) {
-      const CollectedAnswer answer = CollectAnswer(std::string_view(stream).substr(0, length));
-      if (length < 2) {
-        EXPECT_EQ(answer.state, CollectedAnswer::State::kWait) << length;
-      } else if (length < kGood.size()) {
-        EXPECT_EQ(answer.state, CollectedAnswer::State::kCorrupt) << length;
-      } else {
-        EXPECT_EQ(answer.state, CollectedAnswer::State::kComplete) << length;
-        EXPECT_EQ(answer.length, kGood.size()) << length;
-      }
-    }
+  using State = CollectedAnswer::State;
+  const std::string stream = kGood + "\x81\x02hi";
+  for (std::size_t length = 0; length <= stream.size(); ++length) {
+    const CollectedAnswer answer = CollectAnswer(std::string_view(stream).substr(0, length));
+    const bool whole = length >= kGood.size();
+    EXPECT_EQ(answer.state, length < 2 ? State::kWait : whole ? State::kComplete : State::kCorrupt) << length;
+    EXPECT_EQ(answer.length, whole ? kGood.size() : 0) << length;
   }
 }
 

@@ -6,16 +6,13 @@ namespace quenmark::websocket {
 namespace {
 
 TEST(HeaderText, NormaliseList) {
-  EXPECT_EQ(NormaliseList(" a , b"), "a, b");
   EXPECT_EQ(NormaliseList("  "), "");
-  EXPECT_EQ(NormaliseList("one"), "one");
-  EXPECT_EQ(NormaliseList("a,,b,"), "a, , b, ");
+  EXPECT_EQ(NormaliseList(" a ,,b,"), "a, , b, ");
 }
 
 TEST(HeaderText, GetHeader) {
   const std::string block = "HTTP/1.1 101 x\r\nX-A:1\r\nupGRADE: \twebsocket  \r\nEmpty:\r\nLast: cut";
   EXPECT_EQ(GetHeader(block, "Upgrade"), "websocket");
-  EXPECT_EQ(GetHeader(block, "Upgrade:"), "websocket");
   EXPECT_EQ(GetHeader(block, "a"), "1");  // found anywhere
   EXPECT_EQ(GetHeader(block, "empty"), "");
   EXPECT_EQ(GetHeader(block, "last"), "");

@@ -5,12 +5,9 @@
 #include "tests/support/child_process.h"
 #include "tests/support/temporary_folder.h"
 #include "tests/websocket/beast_server.h"
+#include "tests/websocket/websocket_fixture.h"
 #include "websocket/status_texts.h"
 #include "websocket/tls_transport.h"
-
-#include <fmt/format.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <array>
 #include <fstream>
@@ -23,7 +20,6 @@
 namespace quenmark::test {
 namespace {
 
-using namespace std::string_literals;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
@@ -65,19 +61,12 @@ class Peer {
 class Interop : public testing::TestWithParam<const char*> {
  protected:
   Interop() {
-    websocket::WebsocketEvents events;
+    websocket::WebsocketEvents events = LineHandlers([this](const Line& line) { log.push_back(line()); });
     events.OnMessage = [this](const websocket::MessageData& data, std::int32_t type) {
       messages.emplace_back(type, data.Text());
       if (const auto run = std::exchange(onMessage, {})) run();
     };
-    events.OnConnect = [this](const std::string&, const std::string&, const std::string&) { log.push_back("connect"); };
-    events.OnReConnect = [this](const std::string& url) { log.push_back("reconnect " + url); };
-    events.OnClose = [this](std::int32_t code, const std::string& reason) {
-      log.push_back(fmt::format("close {} {}", code, reason));
-    };
-    events.OnError = [this](std::int32_t code, const std::string& text) {
-      log.push_back(fmt::format("error {} {}", code, text));
-    };
+    events.OnConnect = [this](const auto&...) { log.push_back("connect"); };
     events.OnPong = [this](const std::string& data) { pongs.push_back(data); };
     auto services = websocket::MakeWebsocketServices(loop, tls::MakeCertificateServices(loop), peer.CertificateFile());
     socket = std::make_unique<websocket::Websocket>(loop, std::move(services), std::move(events));

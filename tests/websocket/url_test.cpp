@@ -49,17 +49,6 @@ TEST(Url, Refused) {
   }
 }
 
-TEST(Url, APortThatIsThereStaysWhenTheAddressHasNone) {
-  UrlFields fields;
-  fields.port = 444;
-  ASSERT_TRUE(ParseUrl("wss://host/p", fields));
-  EXPECT_EQ(fields.port, 444);
-  ASSERT_TRUE(ParseUrl("wss://host:8443/p", fields));
-  ASSERT_TRUE(ParseUrl("ws://host/p", fields));
-  EXPECT_EQ(fields.port, 8443);
-  EXPECT_EQ(fields.portText, "");
-}
-
 TEST(Url, PercentEncode) {
   EXPECT_EQ(PercentEncode("aZ09=&+ %~", true), "aZ09=&%2B%20%25%7E");
   EXPECT_EQ(PercentEncode("a=b&c", false), "a%3Db%26c");

@@ -6,6 +6,7 @@
 #include "platform/store_text.h"
 #include "tests/support/manual_clock.h"
 #include "tests/websocket/memory_transport.h"
+#include "websocket/deflate.h"
 #include "websocket/websocket.h"
 
 #include <fmt/format.h>
@@ -23,17 +24,29 @@ namespace quenmark::test {
 
 using namespace std::string_literals;
 
+inline websocket::BytesView View(std::string_view text) {
+  return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
+}
+
 inline std::string Sha1Digest(std::string_view text) {
   std::string digest(SHA_DIGEST_LENGTH, '\0');
-  SHA1(reinterpret_cast<const unsigned char*>(text.data()), text.size(),
-       reinterpret_cast<unsigned char*>(digest.data()));
+  SHA1(View(text).data(), text.size(), reinterpret_cast<unsigned char*>(digest.data()));
   return digest;
+}
+
+// The 101 that fits the request.
+inline std::string UpgradeAnswer(const std::string& request, const std::string& headers = "") {
+  const std::string name = "Sec-WebSocket-Key: ";
+  const std::size_t start = request.find(name) + name.size();
+  const std::string key = request.substr(start, request.find("\r\n", start) - start);
+  return "HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\nConnection: Upgrade\r\nSec-WebSocket-Accept: " +
+         platform::EncodeBase64(Sha1Digest(key + "258EAFA5-E914-47DA-95CA-C5AB0DC85B11")) + "\r\n" + headers + "\r\n";
 }
 
 struct SentFrame {
   int first = 0;  // first byte
   std::string payload;
-  std::string raw;
+  std::string key = {};  // of the mask; not compared
 
   bool operator==(const SentFrame& other) const { return first == other.first && payload == other.payload; }
   friend void PrintTo(const SentFrame& frame, std::ostream* out) {
@@ -54,25 +67,59 @@ inline std::vector<SentFrame> DecodeClientFrames(std::string_view bytes) {
       length = 0;
       for (std::size_t i = 0; i < width; ++i) length = length << 8 | at(offset++);
     }
-    SentFrame frame{at(0), std::string(length, '\0'), {}};
+    SentFrame frame{at(0), std::string(length, '\0'), std::string(bytes.substr(offset, 4))};
     for (std::size_t i = 0; i < length; ++i)
       frame.payload[i] = static_cast<char>(at(offset + 4 + i) ^ at(offset + i % 4));
-    offset += 4 + length;
-    frame.raw = bytes.substr(0, offset);
-    bytes.remove_prefix(offset);
+    bytes.remove_prefix(offset + 4 + length);
     frames.push_back(std::move(frame));
   }
   return frames;
 }
 
+// A server's frame header with an extended length of 8 bytes.
+inline std::string LongHeader(int first, std::uint64_t length) {
+  std::string header{static_cast<char>(first), 127};
+  for (int shift = 56; shift >= 0; shift -= 8) header += static_cast<char>(length >> shift);
+  return header;
+}
+
 // A server's frame; a `width` of 2 or 8 forces an extended length.
 inline std::string ServerFrame(int first, std::string_view payload, std::size_t width = 0) {
   const std::size_t length = payload.size();
-  if (width == 0 && length > 125) width = length > 65535 ? 8 : 2;
+  if (width == 8 || length > 65535) return LongHeader(first, length).append(payload);
   std::string frame(1, static_cast<char>(first));
-  frame += static_cast<char>(width == 0 ? length : width == 2 ? 126 : 127);
-  for (std::size_t i = width; i-- > 0;) frame += static_cast<char>(static_cast<std::uint64_t>(length) >> (8 * i));
+  if (width == 2 || length > 125) frame += {126, static_cast<char>(length >> 8)};
+  frame += static_cast<char>(length);
   return frame.append(payload);
+}
+
+// A compressed payload as a server sends it.
+inline std::string Deflated(std::string_view text) {
+  websocket::cZipArchive archive;
+  websocket::Bytes out;
+  EXPECT_TRUE(CompressMessage(archive, View(text), out));
+  return {out.begin(), out.end()};
+}
+
+// Handlers that pass every event on as a line of text, made when it is asked for.
+using Line = std::function<std::string()>;
+inline websocket::WebsocketEvents LineHandlers(const std::function<void(const Line&)>& note) {
+  websocket::WebsocketEvents events;
+  events.OnMessage = [note](const websocket::MessageData& data, std::int32_t type) {
+    note([&] { return fmt::format("message {} {}", type, data.Text()); });
+  };
+  events.OnConnect = [note](const std::string& host, const std::string& ip, const std::string& port) {
+    note([&] { return fmt::format("connect {} {} {}", host, ip, port); });
+  };
+  events.OnReConnect = [note](const std::string& url) { note([&] { return "reconnect " + url; }); };
+  events.OnClose = [note](std::int32_t code, const std::string& reason) {
+    note([&] { return fmt::format("close {} {}", code, reason); });
+  };
+  events.OnError = [note](std::int32_t code, const std::string& text) {
+    note([&] { return fmt::format("error {} {}", code, text); });
+  };
+  events.OnPong = [note](const std::string& data) { note([&] { return "pong " + data; }); };
+  return events;
 }
 
 class WebsocketFixture : public testing::Test {
@@ -93,21 +140,7 @@ class WebsocketFixture : public testing::Test {
         byte = static_cast<std::uint8_t>((m_random = m_random * 1664525 + 1013904223) >> 24);
     };
     services.sha1 = Sha1Digest;
-    websocket::WebsocketEvents events;
-    events.OnMessage = [this](const websocket::MessageData& data, std::int32_t type) {
-      Note([&] { return fmt::format("message {} {}", type, data.Text()); });
-    };
-    events.OnConnect = [this](const std::string& host, const std::string& ip, const std::string& port) {
-      Note([&] { return fmt::format("connect {} {} {}", host, ip, port); });
-    };
-    events.OnReConnect = [this](const std::string& url) { Note([&] { return "reconnect " + url; }); };
-    events.OnClose = [this](std::int32_t code, const std::string& reason) {
-      Note([&] { return fmt::format("close {} {}", code, reason); });
-    };
-    events.OnError = [this](std::int32_t code, const std::string& text) {
-      Note([&] { return fmt::format("error {} {}", code, text); });
-    };
-    events.OnPong = [this](const std::string& data) { Note([&] { return "pong " + data; }); };
+    websocket::WebsocketEvents events = LineHandlers([this](const Line& line) { Note(line); });
     events.onProgress = [this](std::int32_t sent, std::int32_t total, bool& cancel) {
       Note([&] { return fmt::format("progress {}/{}", sent, total); });
       cancel = cancelSends;
@@ -117,20 +150,16 @@ class WebsocketFixture : public testing::Test {
 
   MemoryTransport& Wire() { return *wires.back(); }
 
-  // The 101 that fits the request just sent.
-  std::string Answer(const std::string& request, const std::string& headers = "") {
-    const std::string name = "Sec-WebSocket-Key: ";
-    const std::size_t start = request.find(name) + name.size();
-    const std::string key = request.substr(start, request.find("\r\n", start) - start);
-    return "HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\nConnection: Upgrade\r\nSec-WebSocket-Accept: " +
-           platform::EncodeBase64(Sha1Digest(key + "258EAFA5-E914-47DA-95CA-C5AB0DC85B11")) + "\r\n" + headers + "\r\n";
-  }
   // Connects and has the request answered; the events of that are not written down.
   void Open(const std::string& headers = "") {
     socket->Connect("ws://host/path");
     Wire().Establish();
-    Wire().Deliver(Answer(Wire().TakeSent(), headers));
+    Wire().Deliver(UpgradeAnswer(Wire().TakeSent(), headers));
     log.clear();
+  }
+  void OpenCompressed() {
+    socket->SetUseCompression(true);
+    Open("Sec-WebSocket-Extensions: permessage-deflate; server_no_context_takeover\r\n");
   }
   std::vector<SentFrame> Sent() { return DecodeClientFrames(Wire().TakeSent()); }
 
@@ -145,7 +174,7 @@ class WebsocketFixture : public testing::Test {
 
  private:
   // What a handler was given stays as it is whatever the handler does.
-  void Note(const std::function<std::string()>& format) {
+  void Note(const Line& format) {
     const std::string line = format();
     log.push_back(line);
     if (onEvent) onEvent(line);
