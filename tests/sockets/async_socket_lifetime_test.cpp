@@ -82,8 +82,7 @@ TEST_F(SocketLifetime, ClosingInOnErrorAndOnAccept) {
   ASSERT_TRUE(WaitFor("OnError 10061 16"));
   EXPECT_EQ(m_socket->SocketHandle(), -1);
 
-  ASSERT_TRUE(m_socket->Create() && m_socket->Bind("127.0.0.1", 0) && m_socket->Listen());
-  const int port = PortOf(m_socket->SocketHandle());
+  const int port = Listen(*m_socket);
   const Descriptor first(PlainConnect(port));
   const Descriptor second(PlainConnect(port));
   ASSERT_TRUE(WaitFor("OnAccept"));
@@ -196,7 +195,7 @@ TEST_F(SocketLifetime, StaleAndStrangeNotificationsAreIgnored) {
                                               {1025, 12'345, 0},     // no such lookup
                                               {0, handle, 2}}};
   EXPECT_EQ(helper->NotifyProc(table, 2, 1), 0);
-  EXPECT_EQ(m_recorder->events, std::vector<std::string>{"OnSend"});
+  EXPECT_EQ(m_recorder->events, Events{"OnSend"});
 }
 
 TEST_F(SocketLifetime, ASuccessorOfSlotAndHandleSeesNothingOfItsPredecessor) {

@@ -4,9 +4,6 @@
 #include "tests/support/child_process.h"
 #include "tests/support/name_server.h"
 
-#include <sys/socket.h>
-
-#include <array>
 #include <thread>
 
 namespace quenmark::test {
@@ -21,19 +18,15 @@ class AsyncSocketSync : public SocketTest {
  protected:
   // Runs once, that many milliseconds from now.
   void Later(int delay, std::function<void()> work) {
-    auto timer = std::make_shared<std::unique_ptr<platform::Timer>>();
-    *timer = std::make_unique<platform::Timer>(m_loop, milliseconds{delay}, [timer, work = std::move(work)] {
-      (*timer)->SetEnabled(false);
+    const std::size_t own = m_timers.size();
+    m_timers.push_back(std::make_unique<platform::Timer>(m_loop, milliseconds{delay}, [this, own, work] {
+      m_timers[own]->SetEnabled(false);
       work();
-    });
-    (*timer)->SetEnabled(true);
-    m_timers.push_back(timer);
-  }
-  void TearDown() override {
-    for (const auto& timer : m_timers) timer->reset();
+    }));
+    m_timers.back()->SetEnabled(true);
   }
 
-  std::vector<std::shared_ptr<std::unique_ptr<platform::Timer>>> m_timers;
+  std::vector<std::unique_ptr<platform::Timer>> m_timers;
 };
 
 TEST_F(AsyncSocketSync, ConnectKeepsTheEventForTheQueueAlsoARefusal) {
@@ -87,7 +80,7 @@ TEST_F(AsyncSocketSync, AWaitForTheResolution) {
   EXPECT_EQ(ErrorOf(m_socket->SyncWaitForEvent(1000, kFdConnect)), platform::kWsaNotSocket);
   ASSERT_TRUE(m_socket->Connect("nowhere.test.", 80));
   EXPECT_TRUE(m_socket->SyncWaitForEvent(5000, sockets::kResolved));
-  EXPECT_EQ(m_recorder->events, std::vector<std::string>{"OnError 11001 32768"});
+  EXPECT_EQ(m_recorder->events, Events{"OnError 11001 32768"});
 }
 
 TEST_F(AsyncSocketSync, OtherSocketsLookupsAreNotLostInAWait) {
@@ -105,7 +98,7 @@ TEST_F(AsyncSocketSync, OtherSocketsLookupsAreNotLostInAWait) {
   EXPECT_FALSE(m_socket->SyncWaitForEvent(100, kFdRead));
   EXPECT_TRUE(m_recorder->Saw("OnResolve 127.0.0.1"));
   EXPECT_TRUE(m_recorder->Saw("OnConnect"));
-  EXPECT_EQ(thirdEvents->events, std::vector<std::string>{"OnError 11001 32768"});
+  EXPECT_EQ(thirdEvents->events, Events{"OnError 11001 32768"});
 }
 
 TEST_F(AsyncSocketSync, ReceivesWhatIsNeededInPieces) {
@@ -123,12 +116,11 @@ TEST_F(AsyncSocketSync, ReceivesWhatIsNeededInPieces) {
   EXPECT_EQ(cAsyncSocket::FromTextArray(data, 0), "xy");
   ASSERT_TRUE(m_socket->SetSockOpt(platform::kSoReceiveTimeout, 30));
   EXPECT_EQ(ErrorOf(m_socket->SyncReceiveArray(data, 1)), kTimeoutResult);
-  std::array<std::uint8_t, 10> room{};
   std::int32_t received = -1;
-  EXPECT_FALSE(m_socket->SyncReceive(room, received, 10));
+  EXPECT_FALSE(m_socket->SyncReceive(m_room, received, 10));
   EXPECT_EQ(received, 0);
   Later(5, [&] { PlainSend(m_peer, "12"); });
-  EXPECT_TRUE(m_socket->SyncReceive(room, received, 5000));
+  EXPECT_TRUE(m_socket->SyncReceive(m_room, received, 5000));
   EXPECT_EQ(received, 2);
   EXPECT_TRUE(m_socket->SyncReceive({}, received, 5000));
   EXPECT_EQ(received, 0);
@@ -289,7 +281,7 @@ TEST_F(AsyncSocketSync, KeptNotificationsDoNotPileUp) {
   for (int i = 0; i < 3; ++i) m_socket->PostEvent(kFdRead | (10061 << 16));
   EXPECT_FALSE(m_socket->SyncWaitForEvent(10, kFdWrite));
   m_socket->SyncProcessMsgQueue();
-  EXPECT_EQ(m_recorder->events, (std::vector<std::string>{"OnReceive", "OnError 10061 1"}));
+  EXPECT_EQ(m_recorder->events, (Events{"OnReceive", "OnError 10061 1"}));
 }
 
 TEST_F(AsyncSocketSync, WhatAWaitHasKeptIsToldAlsoWhenAHandlerThrowsThroughIt) {

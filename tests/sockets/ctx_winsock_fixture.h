@@ -59,7 +59,8 @@ struct Logged {
     states.push_back(control->State());
     if (act) act(event);
   }
-  bool Saw(const std::string& event) const { return std::count(events.begin(), events.end(), event) > 0; }
+  bool Saw(const std::string& event) const { return Count(event) > 0; }
+  std::ptrdiff_t Count(const std::string& event) const { return std::count(events.begin(), events.end(), event); }
   std::string Get(std::int32_t maxLen = -1) {
     WinsockData data = std::string();
     control->GetData(data, 0, maxLen);
@@ -107,13 +108,25 @@ class CtxWinsockTest : public testing::Test {
     m_client.events.clear();
     m_client.states.clear();
   }
-  void Listen(std::int32_t protocol) {
+  // Offers every connection to `accept`. Returns the port.
+  int Listen(std::int32_t protocol, std::function<void()> accept, const std::string& certificates = {}) {
     m_server.control->Protocol(protocol);
     m_server.control->Bind(0, "127.0.0.1");
-    m_server.control->Listen();
-    m_server.act = [this](const std::string& event) {
-      if (event == "ConnectionRequest") m_client.control->Accept(m_server.request);
+    m_server.control->Listen(certificates);
+    m_server.act = [accept = std::move(accept)](const std::string& event) {
+      if (event == "ConnectionRequest") accept();
     };
+    return m_server.control->LocalPort();
+  }
+  void Accept() { m_client.control->Accept(m_server.request); }
+  // What `m_peer` has received by now.
+  std::string TakeAtPeer() {
+    std::string taken;
+    char part[65536];
+    for (ssize_t count = 0; (count = recv(m_peer, part, sizeof part, MSG_DONTWAIT)) > 0;) {
+      taken.append(part, static_cast<std::size_t>(count));
+    }
+    return taken;
   }
   // Whatever follows the arrival of the data is up to the test.
   void ArriveUnread(const std::string& data) {

@@ -1,5 +1,6 @@
 // The control against TLS programs of other makes.
 #include "tests/sockets/ctx_winsock_fixture.h"
+#include "tests/support/certificate.h"
 #include "tests/support/child_process.h"
 #include "tests/support/temporary_folder.h"
 
@@ -9,10 +10,7 @@ namespace {
 class CtxWinsockTls : public CtxWinsockTest {
  protected:
   CtxWinsockTls() {
-    ChildProcess make("openssl", {"req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes",
-                                  "-subj", "/CN=localhost", "-addext", "subjectAltName=DNS:localhost", "-keyout", m_key,
-                                  "-out", m_certificate});
-    EXPECT_EQ(make.Wait(), 0);
+    MakeCertificate(m_pem, m_folder.File("certificate.pem"));
     m_listener = Descriptor(PlainListener());
     m_port = PortOf(m_listener);
     m_listener.Close();
@@ -32,17 +30,16 @@ class CtxWinsockTls : public CtxWinsockTest {
   }
 
   TemporaryFolder m_folder;
-  std::string m_key = m_folder.File("key.pem");
-  std::string m_certificate = m_folder.File("certificate.pem");
+  const std::string m_pem = m_folder.File("both.pem");  // key and certificate
   int m_port = 0;
 };
 
 TEST_F(CtxWinsockTls, ClientOfOtherServers) {
+  const std::string port = std::to_string(m_port);
   const Names servers[] = {
-      {"openssl", "s_server", "-quiet", "-accept", std::to_string(m_port), "-cert", m_certificate, "-key", m_key,
-       "-rev"},
-      {"gnutls-serv", "--echo", "--port", std::to_string(m_port), "--x509certfile", m_certificate, "--x509keyfile",
-       m_key, "--disable-client-cert"},
+      {"openssl", "s_server", "-quiet", "-accept", port, "-cert", m_pem, "-rev"},
+      {"gnutls-serv", "--echo", "--port", port, "--x509certfile", m_pem, "--x509keyfile", m_pem,
+       "--disable-client-cert"},
   };
   for (const Names& command : servers) {
     ChildProcess server(command[0], {command.begin() + 1, command.end()});
@@ -68,13 +65,8 @@ TEST_F(CtxWinsockTls, ServerOfOtherClients) {
   ASSERT_EQ(mkfifo(m_folder.File("typed").c_str(), 0600), 0);
   const Descriptor typed(open(m_folder.File("typed").c_str(), O_RDWR | O_CLOEXEC));
   for (const bool own : {true, false}) {  // a certificate of its own making or from a file
-    m_server.control->Protocol(sockets::kProtocolTls);
-    m_server.control->Bind(0, "127.0.0.1");
-    own ? m_server.control->Listen() : m_server.control->Listen(m_certificate + "|" + m_key);
-    m_server.act = [this](const std::string& event) {
-      if (event == "ConnectionRequest") m_client.control->Accept(m_server.request);
-    };
-    const std::string port = std::to_string(m_server.control->LocalPort());
+    const std::string port = std::to_string(Listen(
+        sockets::kProtocolTls, [this] { Accept(); }, own ? "" : m_pem));
     const Names clients[] = {{"openssl", "s_client", "-quiet", "-connect", "127.0.0.1:" + port},
                              {"gnutls-cli", "--insecure", "--logfile=/dev/null", "--port", port, "127.0.0.1"}};
     for (const Names& command : clients) {
@@ -85,11 +77,12 @@ TEST_F(CtxWinsockTls, ServerOfOtherClients) {
         if (!event.starts_with("DataArrival")) return;
         if (first.empty()) {
           first = m_client.Get(3);  // the rest stays and arrives again
-        } else {
-          m_client.received += m_client.Get();
+          return;
         }
-        if (m_client.received.ends_with("\n")) m_client.control->SendData("answer\n");
-        if (m_client.received.ends_with("\n")) m_client.control->Close_();
+        m_client.received += m_client.Get();
+        if (!m_client.received.ends_with("\n")) return;
+        m_client.control->SendData("answer\n");
+        m_client.control->Close_();
       };
       std::string line = fmt::format("exec <'{}'", m_folder.File("typed"));  // with more to come
       for (const std::string& word : command) line += (&word == &command[0] ? "; exec " : " ") + word;
@@ -98,7 +91,7 @@ TEST_F(CtxWinsockTls, ServerOfOtherClients) {
           << command[0] << testing::PrintToString(m_client.events) << m_client.description << peer.ErrorText();
       EXPECT_EQ(first + m_client.received, "question\n");
       EXPECT_THAT(peer.ReadAll(), testing::EndsWith("answer\n")) << command[0];
-      EXPECT_EQ(std::count(m_client.events.begin(), m_client.events.end(), "Connect"), 1);
+      EXPECT_EQ(m_client.Count("Connect"), 1);
       m_client.events.clear();
       m_client.received.clear();
     }
@@ -171,21 +164,19 @@ TEST_F(CtxWinsockTls, DataComesBeforeTheEndThatArrivesWithIt) {
   };
   m_client.reads = false;
   for (const Case& each : cases) {
-    Listen(sockets::kProtocolTls);
-    m_server.act = [&](const std::string& event) {
-      if (event != "ConnectionRequest") return;
+    const int port = Listen(sockets::kProtocolTls, [&] {
       if (each.request) each.request();
-      m_client.control->Accept(m_server.request);
-    };
+      Accept();
+    });
     m_client.act = [&](const std::string& event) {
       if (event == "Connect") each.connect();
       if (event.starts_with("DataArrival")) each.arrival();
     };
-    const ChildProcess peer("/usr/bin/python3", {"-c", kOneSegmentClient, std::to_string(m_server.control->LocalPort()),
-                                                 each.request ? "" : "wait"});
+    const ChildProcess peer("/usr/bin/python3",
+                            {"-c", kOneSegmentClient, std::to_string(port), each.request ? "" : "wait"});
     ASSERT_TRUE(WaitFor(m_client, "Close")) << each.name;
     EXPECT_EQ(text, "question\n") << each.name;
-    EXPECT_EQ(std::count(m_client.events.begin(), m_client.events.end(), "Connect"), 1) << each.name;
+    EXPECT_EQ(m_client.Count("Connect"), 1) << each.name;
     EXPECT_EQ(m_client.events.back(), "Close") << each.name;
     text.clear();
     m_client.events.clear();
@@ -195,8 +186,7 @@ TEST_F(CtxWinsockTls, DataComesBeforeTheEndThatArrivesWithIt) {
 
 // Everything a TLS socket has taken is out before SendComplete, also when the peer reads no further for a while.
 TEST_F(CtxWinsockTls, CompleteOnlyWhenEverythingIsOut) {
-  ChildProcess server("openssl", {"s_server", "-quiet", "-accept", std::to_string(m_port), "-cert", m_certificate,
-                                  "-key", m_key, "-rev"});
+  ChildProcess server("openssl", {"s_server", "-quiet", "-accept", std::to_string(m_port), "-cert", m_pem, "-rev"});
   m_client.reads = false;
   ASSERT_TRUE(ConnectAgainAndAgain());
   m_client.control->SockOpt(platform::kSoReceiveBuffer, platform::kSolSocket, 32 * 1024);
@@ -210,7 +200,7 @@ TEST_F(CtxWinsockTls, CompleteOnlyWhenEverythingIsOut) {
   m_client.reads = true;
   m_client.received = m_client.Get();
   ASSERT_TRUE(Wait([&] { return m_client.received.size() == text.size(); }));
-  EXPECT_EQ(std::count(m_client.events.begin(), m_client.events.end(), "SendComplete"), 1);
+  EXPECT_EQ(m_client.Count("SendComplete"), 1);
   EXPECT_TRUE(m_client.received.ends_with("9994\n"));
 }
 

@@ -7,8 +7,11 @@
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -19,12 +22,13 @@
 namespace quenmark::test {
 
 using sockets::cAsyncSocket;
+using Events = std::vector<std::string>;
 
 // Writes every event down as "OnError 10061 16", "OnResolve 127.0.0.1", "Before 1"… and then runs what the test set for
 // it. BeforeNotify and AfterNotify are written down on request only.
 class Recorder : public sockets::AsyncSocketEvents {
  public:
-  std::vector<std::string> events;
+  Events events;
   bool notify = false;
   std::function<void(cAsyncSocket&, const std::string& event)> act;
   bool cancelNext = false;
@@ -58,6 +62,9 @@ class Recorder : public sockets::AsyncSocketEvents {
 
   bool Saw(std::string_view event) const { return Count(event) > 0; }
   std::ptrdiff_t Count(std::string_view event) const { return std::count(events.begin(), events.end(), event); }
+  bool SawBegin(std::string_view start) const {
+    return std::any_of(events.begin(), events.end(), [&](const auto& event) { return event.starts_with(start); });
+  }
 
  private:
   void Note(cAsyncSocket& socket, const std::string& event) {
@@ -87,14 +94,31 @@ class SocketTest : public testing::Test {
   // Lets everything that is on its way arrive.
   void Settle() { m_loop.Sleep(milliseconds{10}); }
 
-  // A connected pair: `m_socket` and the plain `m_peer`. The events so far are forgotten.
-  void ConnectPair() {
+  // `m_socket` with a connection to the plain `m_peer` that is still to be told.
+  void StartPair() {
     m_listener = Descriptor(PlainListener());
     m_socket = NewSocket();
     ASSERT_TRUE(m_socket->Connect("127.0.0.1", PortOf(m_listener)));
     m_peer = Descriptor(PlainAccept(m_listener));
+  }
+  // The same, told; the events so far are forgotten.
+  void ConnectPair() {
+    StartPair();
     ASSERT_TRUE(WaitFor("OnSend"));
     m_recorder->events.clear();
+  }
+  // A listener of this side; its port.
+  int Listen(cAsyncSocket& listener) {
+    EXPECT_TRUE(listener.Create() && listener.Bind("127.0.0.1", 0) && listener.Listen());
+    return PortOf(listener.SocketHandle());
+  }
+  // A datagram from m_peer to m_socket.
+  void SendDatagram(std::string_view data) {
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_port = htons(static_cast<std::uint16_t>(PortOf(m_socket->SocketHandle())));
+    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sendto(m_peer, data.data(), data.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof to);
   }
   static std::string Pattern(std::size_t size) {
     std::string data(size, '\0');
@@ -112,6 +136,7 @@ class SocketTest : public testing::Test {
   Descriptor m_listener;
   Descriptor m_peer;
   std::shared_ptr<cAsyncSocket> m_socket;
+  std::array<std::uint8_t, 8> m_room{};  // for what is received
 };
 
 }  // namespace quenmark::test
