@@ -9,9 +9,17 @@
 
 namespace quenmark::test {
 
-void EnginePeer::StartClient(std::uint32_t features, const std::string& host, const std::string& alpn,
-                             tls::ClientCertificateOwner* owner) {
-  failed = !tls::TlsInitClient(context, host, features, owner, alpn) || !tls::TlsHandshake(context, {}, output);
+void EnginePeer::StartClient(std::uint32_t features, const std::string& alpn) {
+  failed = !tls::TlsInitClient(context, "localhost", features, this, alpn) || !tls::TlsHandshake(context, {}, output);
+}
+
+bool EnginePeer::FireOnClientCertificate(const std::vector<tls::Bytes>& /*issuers*/) {
+  ++asked;
+  whenAsked();
+  if (shown == nullptr) return false;
+  context.localCertificates = {shown->certificate};
+  context.localPrivateKey.assign(shown->privateKey.begin(), shown->privateKey.end());
+  return true;
 }
 
 void EnginePeer::StartServer(const Identity& identity, std::uint32_t features, const std::string& alpn) {
@@ -71,18 +79,16 @@ void UseIdentity(SSL* peer, const Identity& identity) {
 }
 
 LibsslPeer::LibsslPeer(const PeerOptions& options)
-    : m_context(SSL_CTX_new(options.server ? TLS_server_method() : TLS_client_method())) {
-  static std::string alpnName;
+    : m_alpn(options.alpn), m_context(SSL_CTX_new(options.server ? TLS_server_method() : TLS_client_method())) {
   SSL_CTX_set_security_level(m_context, 0);
   if (options.version != 0) {
     SSL_CTX_set_min_proto_version(m_context, options.version);
     SSL_CTX_set_max_proto_version(m_context, options.version);
   }
-  const bool tls13 = options.suites.starts_with("TLS_");
-  if (!options.suites.empty()) {
-    Require((tls13 ? SSL_CTX_set_ciphersuites(m_context, options.suites.c_str())
-                   : SSL_CTX_set_cipher_list(m_context, options.suites.c_str())) == 1,
-            "suites");
+  if (options.suites.starts_with("TLS_")) {
+    Require(SSL_CTX_set_ciphersuites(m_context, options.suites.c_str()) == 1, "suites");
+  } else if (!options.suites.empty()) {
+    Require(SSL_CTX_set_cipher_list(m_context, options.suites.c_str()) == 1, "suites");
   }
   if (!options.groups.empty()) Require(SSL_CTX_set1_groups_list(m_context, options.groups.c_str()) == 1, "groups");
   SSL_CTX_set_options(m_context, options.options);
@@ -92,22 +98,18 @@ LibsslPeer::LibsslPeer(const PeerOptions& options)
   if (options.requireCertificate) verify |= SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT;
   if (options.postHandshakeAuth) verify = SSL_VERIFY_PEER | SSL_VERIFY_POST_HANDSHAKE;
   SSL_CTX_set_verify(m_context, verify, AcceptAnyCertificate);
-  if (!options.alpn.empty() && options.server) {
-    alpnName = options.alpn;
-    SSL_CTX_set_alpn_select_cb(m_context, SelectAlpn, &alpnName);
-  }
   m_ssl = SSL_new(m_context);
   if (options.identity != nullptr) UseIdentity(m_ssl, *options.identity);
   SSL_set_bio(m_ssl, BIO_new(BIO_s_mem()), BIO_new(BIO_s_mem()));
-  if (!options.alpn.empty() && !options.server) {
-    std::string wire(1, static_cast<char>(options.alpn.size()));
-    wire += options.alpn;
-    SSL_set_alpn_protos(m_ssl, reinterpret_cast<const unsigned char*>(wire.data()),
-                        static_cast<unsigned int>(wire.size()));
-  }
   if (options.server) {
+    if (!m_alpn.empty()) SSL_CTX_set_alpn_select_cb(m_context, SelectAlpn, const_cast<std::string*>(&m_alpn));
     SSL_set_accept_state(m_ssl);
   } else {
+    const std::string wire = static_cast<char>(m_alpn.size()) + m_alpn;
+    if (!m_alpn.empty()) {
+      SSL_set_alpn_protos(m_ssl, reinterpret_cast<const unsigned char*>(wire.data()),
+                          static_cast<unsigned int>(wire.size()));
+    }
     SSL_set_connect_state(m_ssl);
     SSL_set_tlsext_host_name(m_ssl, "localhost");
   }
@@ -127,13 +129,11 @@ void LibsslPeer::Run() {
   tls::Bytes buffer(16384);
   while (!failed) {
     ERR_clear_error();
+    const bool reading = Ready();
     const int count =
-        Ready() ? SSL_read(m_ssl, buffer.data(), static_cast<int>(buffer.size())) : SSL_do_handshake(m_ssl);
+        reading ? SSL_read(m_ssl, buffer.data(), static_cast<int>(buffer.size())) : SSL_do_handshake(m_ssl);
     if (count > 0) {
-      if (count > 1 || Ready()) {
-        if (SSL_in_init(m_ssl) == 0 && count > 1)
-          plaintext.insert(plaintext.end(), buffer.begin(), buffer.begin() + count);
-      }
+      if (reading) plaintext.insert(plaintext.end(), buffer.begin(), buffer.begin() + count);
       continue;
     }
     const int error = SSL_get_error(m_ssl, count);

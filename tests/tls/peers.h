@@ -14,10 +14,9 @@
 namespace quenmark::test {
 
 // The engine as its owner uses it.
-class EnginePeer {
+class EnginePeer final : tls::ClientCertificateOwner {
  public:
-  void StartClient(std::uint32_t features, const std::string& host = "localhost", const std::string& alpn = "",
-                   tls::ClientCertificateOwner* owner = nullptr);
+  void StartClient(std::uint32_t features, const std::string& alpn = "");
   void StartServer(const Identity& identity, std::uint32_t features, const std::string& alpn = "");
   // What came from the network.
   void Feed(tls::BytesView input);
@@ -30,6 +29,12 @@ class EnginePeer {
   tls::Bytes output;     // for the network
   tls::Bytes plaintext;  // received
   bool failed = false;
+  const Identity* shown = nullptr;  // when asked for a certificate
+  std::function<void()> whenAsked = [] {};
+  int asked = 0;
+
+ private:
+  bool FireOnClientCertificate(const std::vector<tls::Bytes>& issuers) override;
 };
 
 struct PeerOptions {
@@ -67,6 +72,7 @@ class LibsslPeer {
   bool closeNotified = false;
 
  private:
+  const std::string m_alpn;
   SSL_CTX* m_context = nullptr;
   SSL* m_ssl = nullptr;
   std::string m_error;

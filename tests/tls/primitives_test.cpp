@@ -2,7 +2,6 @@
 #include "tls/primitives.h"
 
 #include "tests/tls/test_keys.h"
-#include "tls/error.h"
 #include "tls/key_schedule.h"
 
 #include <gtest/gtest.h>
@@ -190,26 +189,6 @@ TEST(TlsPrimitives, ConstantTimeMacEqualsThePlainOne) {
       ASSERT_EQ(ToHex(constant.View()), ToHex(plain.View())) << whole << " " << length;
     }
   }
-}
-
-TEST(TlsPrimitives, UnknownCodesAreRaised) {
-  const auto text = [](auto call) {
-    try {
-      call();
-    } catch (const RaisedError& error) {
-      EXPECT_EQ(error.number, static_cast<std::int32_t>(0x80040000));
-      return error.source + ": " + error.description;
-    }
-    return std::string("nothing raised");
-  };
-  EXPECT_EQ(text([] { pvTlsGetHash(static_cast<Digest>(99), {}); }), "pvTlsGetHash: Unsupported hash type 99");
-  EXPECT_EQ(text([] { pvTlsGetHmac(static_cast<Digest>(99), {}, {}); }), "pvTlsGetHmac: Unsupported HMAC type 99");
-  EXPECT_EQ(text([] { MakeBulkCipher(static_cast<Bulk>(99), {}, CipherUse::kEncrypt); }),
-            "pvTlsBulkEncrypt: Unsupported bulk type 99");
-  EXPECT_EQ(text([] { MakeBulkCipher(static_cast<Bulk>(99), {}, CipherUse::kDecrypt); }),
-            "pvTlsBulkDecrypt: Unsupported bulk type 99");
-  EXPECT_EQ(text([] { GroupOf(25); }), "pvTlsSetupExchGroup: Unsupported exchange group (0x0019)");
-  EXPECT_EQ(text([] { pvTlsSetupCipherSuite(0x1304); }), "pvTlsSetupCipherSuite: Unsupported cipher suite (0x1304)");
 }
 
 TEST(TlsPrimitives, KeysAreDecodedByKind) {

@@ -39,7 +39,14 @@ void Item::Replace(const std::function<void(Bytes&)>& change) {
   writer.AppendBlock(3, body);
 }
 
-std::vector<Item> Decode(BytesView wire, int& protection, bool explicitNonce) {
+namespace {
+
+std::size_t NonceSize(const tls::Context& context) {
+  return context.cipherSuite != nullptr ? context.cipherSuite->explicitNonceSize : 0U;
+}
+
+// `changedCipher` tells whether the sender of TLS 1.2 is protected, and is kept from flight to flight.
+std::vector<Item> Decode(BytesView wire, const tls::Context& context, bool& changedCipher) {
   std::vector<Item> items;
   ByteReader reader(wire);
   while (reader.Remaining() > 0) {
@@ -48,42 +55,32 @@ std::vector<Item> Decode(BytesView wire, int& protection, bool explicitNonce) {
     reader.U16();
     BytesView content = reader.TakeBlock(2);
     if (item.type == 23) {
-      protection = tls::kVersionTls13;
-      content = content.first(content.size() - 16);
-      item.type = content.back();
-      content = content.first(content.size() - 1);
       item.protection = tls::kVersionTls13;
-    } else if (protection == tls::kVersionTls12) {
-      content = content.subspan(explicitNonce ? 8 : 0, content.size() - 16 - (explicitNonce ? 8 : 0));
+      item.type = content[content.size() - 17];
+      content = content.first(content.size() - 17);
+    } else if (changedCipher && context.protocolVersion == tls::kVersionTls12) {
       item.protection = tls::kVersionTls12;
+      content = content.subspan(NonceSize(context), content.size() - 16 - NonceSize(context));
     }
+    changedCipher = changedCipher || item.type == 20;
     ByteReader messages(content);
-    if (item.type != 22) {
-      item.content.assign(content.begin(), content.end());
-      items.push_back(item);
-      if (item.type == 20 && protection == 0) protection = -1;
-      continue;
-    }
-    while (messages.Remaining() > 0) {
+    do {
       const std::size_t start = messages.Position();
-      messages.U8();
-      messages.TakeBlock(3);
-      item.content.assign(content.begin() + static_cast<std::ptrdiff_t>(start),
-                          content.begin() + static_cast<std::ptrdiff_t>(messages.Position()));
+      if (item.type != 22) {
+        messages.Take(content.size());
+      } else {
+        messages.U8();
+        messages.TakeBlock(3);
+      }
+      const BytesView part = content.subspan(start, messages.Position() - start);
+      item.content.assign(part.begin(), part.end());
       items.push_back(item);
-    }
+    } while (messages.Remaining() > 0);
   }
   return items;
 }
 
-Bytes RawRecord(std::uint8_t type, const Bytes& content) {
-  Bytes record;
-  ByteWriter writer(record);
-  writer.U8(type);
-  writer.U16(0x0303);
-  writer.AppendBlock(2, content);
-  return record;
-}
+}  // namespace
 
 Bytes Encode(const std::vector<Item>& items, bool explicitNonce) {
   Bytes wire;
@@ -98,8 +95,10 @@ Bytes Encode(const std::vector<Item>& items, bool explicitNonce) {
       content.insert(content.end(), 16, 0);
       if (explicitNonce) content.insert(content.begin(), 8, 0);
     }
-    const Bytes record = RawRecord(type, content);
-    wire.insert(wire.end(), record.begin(), record.end());
+    ByteWriter writer(wire);
+    writer.U8(type);
+    writer.U16(0x0303);
+    writer.AppendBlock(2, content);
   }
   return wire;
 }
@@ -112,38 +111,19 @@ Scenario::Scenario() {
 void Scenario::Run(Under under, std::uint32_t features, const Change& change) {
   tls::Context& tested = under == Under::kClient ? client : server;
   const Identity& identity = IdentityOf(key);
-  const bool started =
-      tls::TlsInitClient(client, "localhost", features, client.clientCertificateOwner, clientAlpn) &&
-      tls::TlsInitServer(
-          server, "",
-          server.localCertificates.empty() ? std::vector<Bytes>{identity.certificate} : server.localCertificates,
-          server.localPrivateKey.empty() ? BytesView(identity.privateKey) : BytesView(server.localPrivateKey),
-          serverAlpn, features);
   Bytes toServer;
   Bytes toClient;
-  failed = !started || !tls::TlsHandshake(client, {}, toServer);
-  int protection[2] = {0, 0};
+  failed = !tls::TlsInitClient(client, "localhost", features, nullptr, "") ||
+           !tls::TlsInitServer(server, "", {identity.certificate}, identity.privateKey, "h2", features) ||
+           !tls::TlsHandshake(client, {}, toServer);
+  bool changedToTested = false;
+  bool changedByTested = false;
   const auto pass = [&](tls::Context& to, Bytes& wire, Bytes& reply) {
-    if (wire.empty()) return;
-    if (tls::TlsIsClosed(to)) return wire.clear();
-    const bool nonce = tested.cipherSuite != nullptr && tested.cipherSuite->explicitNonceSize == 8;
+    if (wire.empty() || tls::TlsIsClosed(to)) return wire.clear();
     if (&to == &tested) {
-      int& state = protection[&to == &client ? 0 : 1];
-      // After its ChangeCipherSpec a TLS 1.2 sender is protected.
-      std::vector<Item> items;
-      ByteReader records(wire);
-      while (records.Remaining() > 0) {
-        const std::size_t at = records.Position();
-        records.U8();
-        records.U16();
-        records.TakeBlock(2);
-        const BytesView one = BytesView(wire).subspan(at, records.Position() - at);
-        const bool tls12 = tested.protocolVersion == tls::kVersionTls12;
-        if (state == -1 && tls12) state = tls::kVersionTls12;
-        for (Item& item : Decode(one, state, nonce)) items.push_back(item);
-      }
+      std::vector<Item> items = Decode(wire, to, changedToTested);
       change(items);
-      wire = Encode(items, nonce);
+      wire = Encode(items, NonceSize(to) > 0);
     }
     Bytes plaintext;
     const bool done =
@@ -151,7 +131,7 @@ void Scenario::Run(Under under, std::uint32_t features, const Change& change) {
     wire.clear();
     if (&to != &tested) return;
     failed = failed || !done;
-    if (!reply.empty()) lastOutput = reply;
+    if (!reply.empty()) sent = Decode(reply, to, changedByTested);
   };
   for (int round = 0; round < 6; ++round) {
     pass(server, toServer, toClient);
@@ -159,32 +139,22 @@ void Scenario::Run(Under under, std::uint32_t features, const Change& change) {
   }
 }
 
-std::vector<Item> Scenario::Sent() const {
-  int protection = 0;
-  return Decode(lastOutput, protection, true);
-}
-
 namespace {
 
-// Byte offset of the extension block's length field.
-std::size_t ExtensionsAt(const Bytes& body, bool serverHello) {
+using Extensions = std::vector<std::pair<std::uint16_t, Bytes>>;
+
+void Rewrite(Bytes& body, std::uint8_t hello, const std::function<void(Extensions&)>& change) {
   ByteReader reader(body);
   reader.Take(34);
   reader.TakeBlock(1);
-  if (serverHello) {
+  if (hello == 2) {
     reader.Take(3);
   } else {
     reader.TakeBlock(2);
     reader.TakeBlock(1);
   }
-  return reader.Position();
-}
-
-void Rewrite(Bytes& body, bool serverHello,
-             const std::function<void(std::vector<std::pair<std::uint16_t, Bytes>>&)>& change) {
-  const std::size_t at = ExtensionsAt(body, serverHello);
-  std::vector<std::pair<std::uint16_t, Bytes>> list;
-  ByteReader reader(BytesView(body).subspan(at));
+  const std::size_t at = reader.Position();
+  Extensions list;
   reader.Block(2, [&] {
     while (reader.Remaining() > 0) {
       const std::uint16_t type = reader.U16();
@@ -205,20 +175,17 @@ void Rewrite(Bytes& body, bool serverHello,
 
 }  // namespace
 
-void ChangeExtension(Bytes& body, bool serverHello, std::uint16_t type, const std::function<void(Bytes&)>& change) {
-  Rewrite(body, serverHello, [&](auto& list) {
-    for (auto& [code, data] : list) {
-      if (code == type) change(data);
-    }
-  });
+void AddExtension(Bytes& body, std::uint8_t hello, std::uint16_t type, const Bytes& data) {
+  Rewrite(body, hello, [&](Extensions& list) { list.emplace_back(type, data); });
 }
 
-void AddExtension(Bytes& body, bool serverHello, std::uint16_t type, const Bytes& data) {
-  Rewrite(body, serverHello, [&](auto& list) { list.emplace_back(type, data); });
+void RemoveExtension(Bytes& body, std::uint8_t hello, std::uint16_t type) {
+  Rewrite(body, hello, [&](Extensions& list) { std::erase_if(list, [&](const auto& e) { return e.first == type; }); });
 }
 
-void RemoveExtension(Bytes& body, bool serverHello, std::uint16_t type) {
-  Rewrite(body, serverHello, [&](auto& list) { std::erase_if(list, [&](const auto& e) { return e.first == type; }); });
+void ReplaceExtension(Bytes& body, std::uint8_t hello, std::uint16_t type, const Bytes& data) {
+  RemoveExtension(body, hello, type);
+  AddExtension(body, hello, type, data);
 }
 
 }  // namespace quenmark::test

@@ -45,30 +45,20 @@ struct Scenario {
   Scenario();
   // Runs the handshake until nothing moves. `change` sees every flight to the side under test before it arrives.
   void Run(Under under, std::uint32_t features, const Change& change);
-  // What the side under test sent last, as items.
-  std::vector<Item> Sent() const;
 
   NullProtection services;
   tls::Context client;
   tls::Context server;
   KeyKind key = KeyKind::kP256;
-  std::string clientAlpn;
-  std::string serverAlpn;
-  tls::Bytes lastOutput;  // of the side under test
-  bool failed = false;    // the side under test
+  std::vector<Item> sent;  // by the side under test, the last time
+  bool failed = false;     // the side under test
 };
 
-std::vector<Item> Decode(tls::BytesView wire, int& protection, bool explicitNonce);
 tls::Bytes Encode(const std::vector<Item>& items, bool explicitNonce);
 
-// A plain record with this header length field, whatever the content.
-tls::Bytes RawRecord(std::uint8_t type, const tls::Bytes& content);
-
-// Where `type` stands in a hello's extension list: the change gets the extension's data.
-void ChangeExtension(tls::Bytes& body, bool serverHello, std::uint16_t type,
-                     const std::function<void(tls::Bytes&)>& change);
-// Appends an extension to a ServerHello's or ClientHello's body.
-void AddExtension(tls::Bytes& body, bool serverHello, std::uint16_t type, const tls::Bytes& data);
-void RemoveExtension(tls::Bytes& body, bool serverHello, std::uint16_t type);
+// In the body of a ClientHello (1) or ServerHello (2).
+void AddExtension(tls::Bytes& body, std::uint8_t hello, std::uint16_t type, const tls::Bytes& data);
+void RemoveExtension(tls::Bytes& body, std::uint8_t hello, std::uint16_t type);
+void ReplaceExtension(tls::Bytes& body, std::uint8_t hello, std::uint16_t type, const tls::Bytes& data);
 
 }  // namespace quenmark::test

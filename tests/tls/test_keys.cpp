@@ -8,49 +8,55 @@
 #include <openssl/x509v3.h>
 
 #include <map>
-#include <memory>
 #include <stdexcept>
 
 namespace quenmark::test {
 
 namespace {
 
-EVP_PKEY* MakeKey(KeyKind kind) {
-  switch (kind) {
-    case KeyKind::kP256:
-      return EVP_EC_gen("P-256");
-    case KeyKind::kP384:
-      return EVP_EC_gen("P-384");
-    case KeyKind::kSecp256k1:
-      return EVP_EC_gen("secp256k1");
-    case KeyKind::kBrainpool256:
-      return EVP_EC_gen("brainpoolP256r1");
-    case KeyKind::kRsa2048:
-      return EVP_RSA_gen(2048);
-    case KeyKind::kRsa4096:
-      return EVP_RSA_gen(4096);
-    case KeyKind::kRsaPss: {
-      const std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)> context(
-          EVP_PKEY_CTX_new_from_name(nullptr, "RSA-PSS", nullptr), &EVP_PKEY_CTX_free);
-      EVP_PKEY* key = nullptr;
-      EVP_PKEY_keygen_init(context.get());
-      EVP_PKEY_CTX_set_rsa_keygen_bits(context.get(), 2048);
-      EVP_PKEY_keygen(context.get(), &key);
-      return key;
-    }
+struct Kind {
+  const char* name;  // of the curve too, where it is one
+  const char* algorithm;
+  int bits;
+};
+// In the order of KeyKind.
+constexpr Kind kKinds[] = {{"P-256", "EC", 0},          {"P-384", "EC", 0},           {"RSA 2048", "RSA", 2048},
+                           {"RSA 4096", "RSA", 4096},   {"RSA-PSS", "RSA-PSS", 2048}, {"secp256k1", "EC", 0},
+                           {"brainpoolP256r1", "EC", 0}};
+
+EVP_PKEY* MakeKey(const Kind& kind) {
+  EVP_PKEY_CTX* context = EVP_PKEY_CTX_new_from_name(nullptr, kind.algorithm, nullptr);
+  EVP_PKEY_keygen_init(context);
+  if (kind.bits == 0) {
+    EVP_PKEY_CTX_set_group_name(context, kind.name);
+  } else {
+    EVP_PKEY_CTX_set_rsa_keygen_bits(context, kind.bits);
   }
-  return nullptr;
+  EVP_PKEY* key = nullptr;
+  EVP_PKEY_keygen(context, &key);
+  EVP_PKEY_CTX_free(context);
+  return key;
 }
 
-std::string Text(BIO* bio) {
+template <typename Object>
+tls::Bytes Der(int (*encode)(const Object*, unsigned char**), const Object* object) {
+  tls::Bytes der(static_cast<std::size_t>(encode(object, nullptr)));
+  unsigned char* at = der.data();
+  encode(object, &at);
+  return der;
+}
+
+std::string Pem(const char* name, const tls::Bytes& der) {
+  BIO* bio = BIO_new(BIO_s_mem());
+  PEM_write_bio(bio, name, "", der.data(), static_cast<long>(der.size()));
   char* data = nullptr;
   const long size = BIO_get_mem_data(bio, &data);
-  std::string text(data, static_cast<std::size_t>(size));
+  const std::string text(data, static_cast<std::size_t>(size));
   BIO_free(bio);
   return text;
 }
 
-Identity Make(KeyKind kind) {
+Identity Make(const Kind& kind) {
   EVP_PKEY* key = MakeKey(kind);
   X509* certificate = X509_new();
   X509_set_version(certificate, 2);
@@ -65,27 +71,18 @@ Identity Make(KeyKind kind) {
   X509_add_ext(certificate, names, -1);
   X509_EXTENSION_free(names);
   if (X509_sign(certificate, key, EVP_sha256()) == 0) throw std::runtime_error("no certificate");
-
-  Identity identity;
-  unsigned char* der = nullptr;
-  int size = i2d_X509(certificate, &der);
-  identity.certificate.assign(der, der + size);
-  OPENSSL_free(der);
   PKCS8_PRIV_KEY_INFO* info = EVP_PKEY2PKCS8(key);
-  der = nullptr;
-  size = i2d_PKCS8_PRIV_KEY_INFO(info, &der);
-  identity.privateKey.assign(der, der + size);
-  OPENSSL_free(der);
+  Identity identity{Der<X509>(i2d_X509, certificate), Der<PKCS8_PRIV_KEY_INFO>(i2d_PKCS8_PRIV_KEY_INFO, info), {}, {}};
+  identity.certificatePem = Pem("CERTIFICATE", identity.certificate);
+  identity.privateKeyPem = Pem("PRIVATE KEY", identity.privateKey);
   PKCS8_PRIV_KEY_INFO_free(info);
-  BIO* bio = BIO_new(BIO_s_mem());
-  PEM_write_bio_X509(bio, certificate);
-  identity.certificatePem = Text(bio);
-  bio = BIO_new(BIO_s_mem());
-  PEM_write_bio_PKCS8PrivateKey(bio, key, nullptr, nullptr, 0, nullptr, nullptr);
-  identity.privateKeyPem = Text(bio);
   X509_free(certificate);
   EVP_PKEY_free(key);
   return identity;
+}
+
+const Kind& KindOf(KeyKind kind) {
+  return kKinds[static_cast<std::size_t>(kind)];
 }
 
 }  // namespace
@@ -93,45 +90,24 @@ Identity Make(KeyKind kind) {
 const Identity& IdentityOf(KeyKind kind) {
   static std::map<KeyKind, Identity> made;
   const auto found = made.find(kind);
-  return found != made.end() ? found->second : made.emplace(kind, Make(kind)).first->second;
+  return found != made.end() ? found->second : made.emplace(kind, Make(KindOf(kind))).first->second;
 }
 
 std::string KindName(KeyKind kind) {
-  switch (kind) {
-    case KeyKind::kP256:
-      return "P-256";
-    case KeyKind::kP384:
-      return "P-384";
-    case KeyKind::kRsa2048:
-      return "RSA 2048";
-    case KeyKind::kRsa4096:
-      return "RSA 4096";
-    case KeyKind::kRsaPss:
-      return "RSA-PSS";
-    case KeyKind::kSecp256k1:
-      return "secp256k1";
-    case KeyKind::kBrainpool256:
-      return "brainpoolP256r1";
-  }
-  return "";
+  return KindOf(kind).name;
 }
 
-tls::Bytes FromHex(const std::string& text) {
-  std::string digits;
-  for (const char c : text) {
-    if (isxdigit(static_cast<unsigned char>(c)) != 0) digits += c;
-  }
+tls::Bytes FromHex(std::string text) {
+  std::erase(text, ' ');
   tls::Bytes bytes;
-  for (std::size_t i = 0; i + 1 < digits.size(); i += 2) {
-    bytes.push_back(static_cast<std::uint8_t>(std::stoi(digits.substr(i, 2), nullptr, 16)));
+  for (std::size_t i = 0; i < text.size(); i += 2) {
+    bytes.push_back(static_cast<std::uint8_t>(std::stoi(text.substr(i, 2), nullptr, 16)));
   }
   return bytes;
 }
 
 std::string ToHex(tls::BytesView bytes) {
-  std::string text;
-  for (const std::uint8_t byte : bytes) text += fmt::format("{:02x}", byte);
-  return text;
+  return fmt::format("{:02x}", fmt::join(bytes, ""));
 }
 
 }  // namespace quenmark::test

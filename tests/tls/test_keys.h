@@ -20,7 +20,7 @@ const Identity& IdentityOf(KeyKind kind);
 std::string KindName(KeyKind kind);
 
 // "0a1b" (blanks ignored) to bytes and back.
-tls::Bytes FromHex(const std::string& text);
+tls::Bytes FromHex(std::string text);
 std::string ToHex(tls::BytesView bytes);
 
 }  // namespace quenmark::test
