@@ -442,6 +442,14 @@ TEST(HostilePeer, AfterTheOwnCloseNotify) {
   const Row rows[] = {
       {k12, Nothing, Message("00000000"), ""},
       {k13, Nothing, Message("0D00000B000008000D000400020403"), ""},
+      {k13, Nothing,
+       Message("0400000E"
+               "0000000000000000"
+               "00"
+               "0001"
+               "0A"
+               "0000"),
+       ""},
       {k13, Nothing, Message("14000000"), wrong},
       {k13, Nothing, Message("1800000102"), "Invalid key update request"},
       {k13, helloAlone, Message("1800000100"), wrong},

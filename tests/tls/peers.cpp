@@ -1,5 +1,6 @@
 #include "tests/tls/peers.h"
 
+#include <gtest/gtest.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
 
@@ -186,6 +187,40 @@ void Converse(EnginePeer& engine, LibsslPeer& peer, std::mt19937* random) {
     FeedInPieces(engine, toEngine, random);
     if (toPeer.empty() && toEngine.empty()) return;
   }
+}
+
+Pair::Pair(const PeerOptions& options, std::uint32_t features, const Identity* shown, std::mt19937* random)
+    : identity(options.identity != nullptr ? *options.identity : IdentityOf(KeyKind::kRsa2048)), peer([&] {
+        PeerOptions role = options;
+        role.identity = options.server ? &identity : nullptr;
+        return role;
+      }()) {
+  engine.shown = shown;
+  if (options.server) {
+    engine.StartClient(features, "h2|http/1.1");
+  } else {
+    engine.StartServer(identity, features, "h2|http/1.1");
+  }
+  Shake(random);
+}
+
+void Pair::Shake(std::mt19937* random) {
+  Converse(engine, peer, random);
+  EXPECT_FALSE(engine.failed) << engine.Error();
+  EXPECT_FALSE(peer.failed) << peer.Error();
+  EXPECT_TRUE(engine.Ready() && peer.Ready());
+}
+
+void Pair::ExpectTraffic(std::size_t size, std::mt19937* random) {
+  const tls::Bytes toPeer = Pattern(size, 1);
+  const tls::Bytes toEngine = Pattern(size, 2);
+  engine.plaintext.clear();
+  peer.plaintext.clear();
+  engine.Send(toPeer);
+  peer.Send(toEngine);
+  Converse(engine, peer, random);
+  EXPECT_TRUE(engine.plaintext == toEngine) << engine.Error();
+  EXPECT_TRUE(peer.plaintext == toPeer) << peer.Error();
 }
 
 tls::Bytes Pattern(std::size_t size, unsigned seed) {

@@ -80,6 +80,19 @@ class LibsslPeer {
 
 void UseIdentity(SSL* peer, const Identity& identity);
 
+// The engine in one role and libssl in the other, after their handshake. The server shows the identity.
+struct Pair {
+  explicit Pair(const PeerOptions& options, std::uint32_t features = tls::kFeatureTls12 | tls::kFeatureTls13,
+                const Identity* shown = nullptr, std::mt19937* random = nullptr);
+  void Shake(std::mt19937* random = nullptr);
+  void ExpectTraffic(std::size_t size = 3000, std::mt19937* random = nullptr);
+  bool PeerHasCertificate() { return SSL_get0_peer_certificate(peer.Handle()) != nullptr; }
+
+  const Identity& identity;
+  EnginePeer engine;
+  LibsslPeer peer;
+};
+
 // Moves bytes both ways until neither side has any left. With `random` the bytes arrive in pieces of random size.
 void Converse(EnginePeer& engine, LibsslPeer& peer, std::mt19937* random = nullptr);
 
