@@ -2,11 +2,11 @@
 // over the answers that were sent.
 #include "platform/files.h"
 #include "tests/end_to_end/feeder_home.h"
+#include "tests/support/text_bars.h"
 
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 
-#include <cmath>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -29,18 +29,8 @@ std::vector<std::string> Cut(const std::string& text, char separator) {
 
 // What the answers sent must have led to.
 struct Expected {
-  struct Bar {
-    std::string minute, open, close;
-    double high = 0, low = 0;
-    int count = 0;
-    std::string Text() const {
-      return fmt::format("{}-{}-{}-{}-{}-{}-{}-1", minute, open, high, low, close, count, count);
-    }
-  };
   std::map<std::string, std::string> records;
-  std::map<std::string, Bar> bars;
-  std::string date;
-  std::map<std::string, std::string> files;
+  TextBars bars;
   double limit = 0;  // of a buy order for the first chart, 0 before it is placed; the first price below it fills it
   std::string filledAt;
 
@@ -58,24 +48,7 @@ struct Expected {
   }
   void TakePrice(const std::string& symbol, double last, const std::string& stamp) {
     if (symbol == kCharts[0] && filledAt.empty() && last < limit) filledAt = stamp;
-    const std::string price = NumberOf(fmt::format("{:.2f}", last));
-    if (date != stamp.substr(0, 8)) bars.clear();
-    date = stamp.substr(0, 8);
-    const std::string minute = stamp.substr(8, 4);
-    const auto [place, isNew] = bars.try_emplace(symbol, Bar{minute, price, price, last, last, 1});
-    if (isNew) return;
-    Bar& bar = place->second;
-    if (bar.minute != minute) {
-      files["mdi_" + symbol + "(0)-" + date] += bar.Text() + "\r\n";
-      bar = {minute, price, price, std::nearbyint(last), std::nearbyint(last), 0};
-    }
-    const double high = std::nearbyint(bar.high);  // halves to the even neighbour
-    const double low = std::nearbyint(bar.low);
-    bar.high = last > high ? std::nearbyint(last) : high;
-    bar.low = last < low ? std::nearbyint(last) : low;
-    bar.close = price;
-    ++bar.count;
-    files["mdi_" + symbol + "(LM)-" + date] = bar.Text();
+    bars.Update(symbol, last, stamp);
   }
 };
 
@@ -126,7 +99,7 @@ class Vendor : public testing::Test {
       const std::string record = home.Get(kVendorApp, "Feeder", symbol);
       if (record != expected.records[symbol]) missing += expected.records[symbol] + ", not " + record + "\n";
     }
-    for (const auto& [name, text] : expected.files) {
+    for (const auto& [name, text] : expected.bars.files) {
       const std::string found = platform::ReadWholeFile(home.Path() + "/data/" + name);
       if (found != text) missing += name + ": " + text + ", not " + found + "\n";
     }

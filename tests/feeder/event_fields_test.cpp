@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <iterator>
+#include <random>
 #include <string>
 #include <string_view>
 
@@ -44,6 +46,17 @@ TEST(EventFields, AreThoseThatASearchFindsHoweverTheLayoutIsSpoiled) {
       }
       check(std::string(whole).insert(at, R"("bid":1,"symbol":"B","last":"2",)"));
     }
+  }
+  // And in texts that are not laid out at all.
+  constexpr std::string_view kPieces[] = {
+      R"("type":")", "quote", "timesale",    R"(",)", R"("symbol":")", "A",           R"("bid":)",   "1",
+      R"("bidsz":)", ",",     R"("ask":)",   "\n",    R"("ask")",      R"("asksz":)", R"("last":")", R"("size":")",
+      "\"",          " ",     R"("date":")", ":",     R"("type":)",    "2",           "{",           "type\":\""};
+  std::mt19937 random(7);
+  for (int round = 0; round < 20000; ++round) {
+    std::string text = round % 2 == 0 ? R"({"type":"quote")" : "";
+    for (int piece = 0; piece < 24; ++piece) text += kPieces[random() % std::size(kPieces)];
+    check(text);
   }
 }
 

@@ -1,15 +1,9 @@
 #include "feeder/tradier_events.h"
 
-#include "platform/code_page.h"
-#include "platform/number_text.h"
-#include "providers/dates.h"
-#include "providers/get_between.h"
 #include "tests/support/feeder_fixture.h"
 
 #include <fmt/format.h>
 
-#include <iterator>
-#include <random>
 #include <string>
 #include <string_view>
 
@@ -25,10 +19,6 @@ std::string Timesale(std::string_view symbol, std::string_view last, std::string
                      R"("size":"{}","date":"{}","seq":172047,"flag":"@","cancel":false,"session":"normal"}})",
                      symbol, last, size, date);
 }
-
-constexpr const char* kQuote =
-    R"({"type":"quote","symbol":"A","bid":281.84,"bidsz":60,"bidexch":"M","biddate":"1557757189000","ask":281.85,)"
-    R"("asksz":6,"askexch":"Z","askdate":"1557757190000"})";
 
 class StreamEvents : public FeederFixture {
  protected:
@@ -115,48 +105,6 @@ TEST_F(StreamEvents, MinuteChangesDropTheBarCacheOnlyForTradesInOrder) {
   EXPECT_EQ(after("1609447719000"), "bars");
   EXPECT_EQ(after("1609447618000"), "bars") << "an older one is refused before";
   EXPECT_EQ(after("1609447778000"), "");
-}
-
-// What the one pass over an event finds must be what a search for each marker finds.
-TEST_F(StreamEvents, FieldsAreThoseThatASearchFinds) {
-  constexpr std::string_view kPieces[] = {R"("type":")", "quote",       "timesale",    R"(",)",         R"("symbol":")",
-                                          "A",           R"("bid":)",   "1",           R"("bidsz":)",   ",",
-                                          R"("ask":)",   R"("ask")",    R"("asksz":)", R"("last":")",   R"("size":")",
-                                          "\"",          R"("date":")", ":",           "1609447718210", R"("type":)",
-                                          "2",           " ",           "{",           "type\":\"",     "\n"};
-  std::mt19937 random(7);
-  for (int round = 0; round < 20000; ++round) {
-    std::string text = round % 3 == 0 ? R"({"type":"quote")" : "";
-    if (round % 3 == 2) {  // an event as the provider sends it, with something in it that is not as it should be
-      text = round % 2 == 0 ? kQuote : Timesale("A", "1");
-      const std::size_t at = random() % text.size();
-      text.replace(at, random() % 3, kPieces[random() % std::size(kPieces)]);
-    }
-    for (int piece = 0; piece < 24; ++piece) text += kPieces[random() % std::size(kPieces)];
-    store->DeleteSection(context.settingsApp, "Feeder");
-    events.HandleStreamEvent(text);
-    const auto between = [&](std::string_view start, std::string_view end) {
-      return std::string(providers::GetBetween(text, start, end));
-    };
-    const std::string type = between(R"("type":")", "\"");
-    const std::string symbol = platform::AsciiUpper(between(R"("symbol":")", "\""));
-    std::string book;
-    if (type == "quote" && !symbol.empty()) {
-      book = between(R"("bid":)", ",") + "|" + between(R"("bidsz":)", ",") + "@" + between(R"("ask":)", ",") + "|" +
-             between(R"("asksz":)", ",");
-    }
-    ASSERT_EQ(Feeder(symbol + "-bid@ask"), book) << text;
-    if (type != "timesale" || symbol.empty()) continue;
-    const auto price = platform::ParseNumber(between(R"("last":")", "\""));
-    std::string stamp;
-    providers::UnixToStamp(between(R"("date":")", "\""), context.gmtOffsetMinutes, stamp);
-    std::string record;
-    if (price && !stamp.empty()) {
-      record = fmt::format("{}-{}---{}--{}-1-1-{}", symbol, platform::NumberText(*price), platform::NumberText(*price),
-                           platform::NumberText(platform::ReadNumber(between(R"("size":")", "\""))), stamp);
-    }
-    ASSERT_EQ(Feeder(symbol), record) << text;
-  }
 }
 
 }  // namespace
