@@ -19,26 +19,22 @@ class SymbolMaster : public FeederFixture {
   }
 };
 
-struct Question {
-  const char* name;
-  const char* tradier;
-  const char* station;
-};
-
 constexpr const char* kStationEntry =
     R"({"AssetType":"FUTURE","Description":"E-mini","ExpirationDate":"2026-12-18T00:00:00Z","PriceFormat":{)"
     R"("Decimals":"2","Increment":"0.25","PointValue":50.0},"QuantityFormat":{"Decimals":0,)"
     R"("MinimumTradeQuantity":"1"},"Symbol":"ES"})";
 
 TEST_F(SymbolMaster, AnswersEveryQuestion) {
-  constexpr Question kQuestions[] = {
+  constexpr struct {
+    const char *name, *tradier, *station;
+  } kQuestions[] = {
       {"venc", "-", "2026-12-18"}, {"desc", "Futures & more", "E-mini"},
       {"TYPE", "index", "FUTURE"}, {"tick", "0.01", "0.25"},
       {"tickdec", "2", "2"},       {"fator", "1", "50"},
       {"lote", "1", "1"},          {"lotedec", "0", "0"},
       {"other", "", ""},
   };
-  for (const Question& question : kQuestions) {
+  for (const auto& question : kQuestions) {
     Catalogue("Tradier", R"({"symbol":"ES","description":"Futures & more","type":"index"})");
     EXPECT_EQ(PegaTickFatorLote(context, "es", question.name), question.tradier) << question.name;
     Catalogue("TradeStation", kStationEntry);

@@ -94,17 +94,12 @@ TEST_F(StreamEvents, QuotesBecomeBooksAsReceived) {
   EXPECT_EQ(Feeder("SPY"), "");
 }
 
-TEST_F(StreamEvents, MinuteChangesDropTheBarCacheOnlyForTradesInOrder) {
-  const auto cached = [&] { return store->GetSetting(context.settingsApp, "TIntra", "Q-x"); };
-  const auto after = [&](std::string_view date) {
+TEST_F(StreamEvents, ATradeOfANewMinuteDropsTheBarCache) {
+  for (const auto& [date, kept] : {std::pair{"1609447719000", "bars"}, {"1609447778000", ""}}) {
     store->SaveSetting(context.settingsApp, "TIntra", "Q-x", "bars");
-    SetFeeder("QQQ", "QQQ-1-1-1-1-1-1-1-1-20201231164838");
-    events.HandleStreamEvent(Timesale("QQQ", "1", "1", date));
-    return cached();
-  };
-  EXPECT_EQ(after("1609447719000"), "bars");
-  EXPECT_EQ(after("1609447618000"), "bars") << "an older one is refused before";
-  EXPECT_EQ(after("1609447778000"), "");
+    After(Timesale("QQQ", "1", "1", date), "QQQ-1-1-1-1-1-1-1-1-20201231164838");
+    EXPECT_EQ(store->GetSetting(context.settingsApp, "TIntra", "Q-x"), kept) << date;
+  }
 }
 
 }  // namespace
