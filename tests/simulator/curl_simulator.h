@@ -1,14 +1,12 @@
 // The simulator as a program, asked by curl.
 #pragma once
 
-#include "tests/support/child_process.h"
+#include "tests/support/simulator_process.h"
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
-#include <signal.h>
 
 #include <fstream>
-#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -26,24 +24,10 @@ struct Answer {
   Json Parsed() const { return Json::parse(body); }
 };
 
-class Simulator {
+class Simulator : public SimulatorProcess {
  public:
-  explicit Simulator(const Words& arguments = {}) : m_program(BIN_DIR "/feeder-sim", arguments) {
-    const std::optional<std::string> line = m_program.ReadLine();
-    if (!line) throw std::runtime_error("no first line: " + m_program.ErrorText());
-    m_ready = Json::parse(*line);
-  }
-  // Asked to end, so that its folder goes too.
-  ~Simulator() {
-    m_program.Signal(SIGTERM);
-    m_program.Wait();
-  }
-  Simulator(const Simulator&) = delete;
-  Simulator& operator=(const Simulator&) = delete;
+  using SimulatorProcess::SimulatorProcess;
 
-  std::string Address(const std::string& path) const {
-    return fmt::format("https://localhost:{}{}", m_ready["https"].get<int>(), path);
-  }
   Answer Curl(const std::string& address, const Words& added = {}) const {
     Words words{"-sS", "--max-time", "60", "-w", "\n%{http_code}", "--noproxy", "*", address};
     words.insert(words.end(), added.begin(), added.end());
@@ -57,10 +41,11 @@ class Simulator {
     answer.exit = curl.Wait().value_or(-1);
     return answer;
   }
+  // Over TLS, as a client that has a token and asks for JSON.
   Answer Get(const std::string& path, const Words& added = {}) const {
     Words words{"--cacert", CaFile(), "-H", "Accept: application/json", "-H", "Authorization: Bearer made-up"};
     words.insert(words.end(), added.begin(), added.end());
-    return Curl(Address(path), words);
+    return Curl(SecureBase() + path, words);
   }
   int Control(const std::string& path, const std::string& body) const {
     return Get("/sim/" + path, {"--data-raw", body}).status;
@@ -69,13 +54,6 @@ class Simulator {
     const Json symbols = Get("/sim/state").Parsed()["symbols"];
     return symbols.contains(symbol) && symbols[symbol].contains(endpoint) ? symbols[symbol][endpoint] : Json{};
   }
-  const Json& Ready() const { return m_ready; }
-  std::string CaFile() const { return m_ready["ca"]; }
-  ChildProcess& Program() { return m_program; }
-
- private:
-  ChildProcess m_program;
-  Json m_ready;
 };
 
 // The lines of a log file that are written to their end.

@@ -19,8 +19,8 @@ namespace quenmark::test {
 
 class EventClient {
  public:
-  // Connects to the port of that name in the simulator's first line; Error() tells the outcome.
-  explicit EventClient(const Simulator& simulator, const char* port = "https", bool deflate = false) {
+  // Error() tells the outcome. Port 0 is the simulator's first one with TLS.
+  explicit EventClient(const Simulator& simulator, bool deflate = false, int port = 0) {
     namespace asio = boost::asio;
     m_tls.load_verify_file(simulator.CaFile());
     m_ws.next_layer().set_verify_mode(asio::ssl::verify_peer);
@@ -30,7 +30,8 @@ class EventClient {
     m_ws.set_option(offer);
     m_ws.read_message_max(0);
     auto& socket = m_ws.next_layer().next_layer();
-    socket.connect({asio::ip::address_v4::loopback(), simulator.Ready()[port].get<unsigned short>()});
+    socket.connect(
+        {asio::ip::address_v4::loopback(), static_cast<unsigned short>(port != 0 ? port : simulator.HttpsPort())});
     socket.set_option(asio::ip::tcp::no_delay{true});
     m_ws.next_layer().handshake(asio::ssl::stream_base::client, m_error);
     if (!m_error) m_ws.handshake(m_response, "localhost", "/v1/markets/events", m_error);
@@ -93,11 +94,8 @@ class EventClient {
   boost::system::error_code m_error;
 };
 
-inline std::string NewSession(const Simulator& simulator, const std::string& token = "made-up") {
-  const Answer answer = simulator.Curl(simulator.Address("/v1/markets/events/session"),
-                                       {"--cacert", simulator.CaFile(), "-X", "POST", "-H", "Accept: application/json",
-                                        "-H", "Authorization: Bearer " + token});
-  return answer.Parsed()["stream"]["sessionid"];
+inline std::string NewSession(const Simulator& simulator) {
+  return simulator.Get("/v1/markets/events/session", {"-X", "POST"}).Parsed()["stream"]["sessionid"];
 }
 
 // The lines of that kind in an event log: its texts, line breaks as TABs.

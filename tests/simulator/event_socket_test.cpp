@@ -2,8 +2,10 @@
 #include "tests/support/temporary_folder.h"
 
 #include <gmock/gmock.h>
+#include <signal.h>
 
 #include <algorithm>
+#include <memory>
 
 namespace quenmark::test {
 namespace {
@@ -20,24 +22,26 @@ std::vector<std::string> AsLogged(std::vector<std::string> messages) {
 }
 
 TEST(EventSocket, DeliversWhatItsLogTells) {
-  struct Row {
+  const struct {
     Words options;
-    bool deflate;
-  };
-  for (const Row& row : {Row{{"--rate", "0"}, false}, Row{{"--rate", "0", "--linebreak-batch", "3"}, false},
-                         Row{{"--rate", "0", "--deflate"}, true}, Row{{"--rate", "20000", "--latency"}, false},
-                         Row{{"--rate", "0", "--deflate"}, false}, Row{{"--rate", "0"}, true}}) {
+    bool offersDeflate, compressed;
+    std::size_t batch;
+  } rows[] = {{{"--rate", "0"}, false, false, 1},
+              {{"--rate", "0", "--linebreak-batch", "3"}, false, false, 3},
+              {{"--rate", "0", "--deflate"}, true, true, 1},
+              {{"--rate", "20000", "--latency"}, false, false, 1},
+              {{"--rate", "0", "--deflate"}, false, false, 1},
+              {{"--rate", "0"}, true, false, 1}};
+  for (const auto& row : rows) {
     TemporaryFolder folder;
     Words options{"--events", "6000", "--event-log", folder.File("log")};
     options.insert(options.end(), row.options.begin(), row.options.end());
     Simulator simulator{options};
-    EventClient client{simulator, "https", row.deflate};
+    EventClient client{simulator, row.offersDeflate};
     ASSERT_FALSE(client.Error()) << client.Error().message();
-    const bool compressed = row.deflate && row.options.back() == "--deflate";
-    EXPECT_EQ(client.Response().count(boost::beast::http::field::sec_websocket_extensions), compressed ? 1U : 0U);
+    EXPECT_EQ(client.Response().count(boost::beast::http::field::sec_websocket_extensions), row.compressed ? 1U : 0U);
     client.Subscribe({"AAPL", "MSFT", "BRK/B"}, NewSession(simulator));
-    const std::size_t batch = row.options.size() > 3 && row.options[2] == "--linebreak-batch" ? 3 : 1;
-    const std::vector<std::string> messages = client.Read(6000 / batch);
+    const std::vector<std::string> messages = client.Read(6000 / row.batch);
     ASSERT_FALSE(client.Error()) << client.Error().message();
     EXPECT_EQ(AsLogged(messages), EventLogTexts(folder.File("log"), "events"));
     EXPECT_EQ(simulator.Get("/sim/state").Parsed()["events"]["events"], 6000);
@@ -95,24 +99,17 @@ TEST(EventSocket, FaultsEndItTheirWay) {
 
 TEST(EventSocket, FaultsThatKeepItOpen) {
   Simulator simulator{{"--rate", "1000", "--fault-turn", "3"}};
-  const std::string session = NewSession(simulator);
-  ASSERT_EQ(simulator.Control("fault", "stall*1"), 200);
-  {
-    EventClient client{simulator};
-    client.Subscribe({"AAPL"}, session);
-    client.Read(2);
-    EXPECT_EQ(client.UntilPong(), std::vector<std::string>{});
-  }
-  ASSERT_EQ(simulator.Control("fault", "drip*1"), 200);
-  {
-    EventClient client{simulator};
-    client.Subscribe({"AAPL"}, NewSession(simulator));
-    for (const std::string& message : client.Read(20)) EXPECT_TRUE(Json::accept(message));
-  }
-  ASSERT_EQ(simulator.Control("fault", "huge@events*1"), 200);
-  EventClient client{simulator};
-  client.Subscribe({"AAPL"}, NewSession(simulator));
-  EXPECT_EQ(client.Read(3).back().size(), 50'000'000U);
+  const auto spoiled = [&](const std::string& fault) {
+    EXPECT_EQ(simulator.Control("fault", fault + "@events$*1"), 200);
+    auto client = std::make_unique<EventClient>(simulator);
+    client->Subscribe({"AAPL"}, NewSession(simulator));
+    return client;
+  };
+  const auto stalled = spoiled("stall");
+  stalled->Read(2);
+  EXPECT_EQ(stalled->UntilPong(), std::vector<std::string>{});
+  for (const std::string& message : spoiled("drip")->Read(20)) EXPECT_TRUE(Json::accept(message));
+  EXPECT_EQ(spoiled("huge")->Read(3).back().size(), 50'000'000U);
 }
 
 TEST(EventSocket, SignalsEndItWithOpenStreams) {
@@ -152,7 +149,7 @@ TEST(EventSocket, CertificatesOfTheSecondPort) {
                          Row{"not-yet", X509_V_ERR_CERT_NOT_YET_VALID}, Row{"other-host", X509_V_ERR_UNSPECIFIED},
                          Row{"unknown-issuer", X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY}}) {
     Simulator simulator{{"--wss-certificate", row.certificate}};
-    EventClient client{simulator, "wss"};
+    EventClient client{simulator, false, simulator.WssPort()};
     EXPECT_EQ(!client.Error(), row.certificate == std::string{"good"}) << row.certificate;
     EXPECT_EQ(client.Verdict(), row.verdict) << row.certificate;
     EXPECT_FALSE(EventClient{simulator}.Error()) << "the first port is not concerned";

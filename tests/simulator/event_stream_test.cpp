@@ -119,19 +119,6 @@ TEST(EventStream, OptionsShapeMessages) {
   EXPECT_GE(seconds.size(), 6U);
 }
 
-TEST(EventStream, RepeatsWithItsSeed) {
-  const auto run = [](std::uint64_t seed) {
-    EventOptions options;
-    options.seed = seed;
-    Desk desk{options};
-    EventStream stream{desk.shared, {}};
-    stream.Receive(desk.Subscription(R"("AAPL","MSFT")"));
-    return Events(stream, 100);
-  };
-  EXPECT_EQ(run(7), run(7));
-  EXPECT_NE(run(7), run(8));
-}
-
 TEST(EventStream, SubscriptionsNeedASession) {
   EventOptions options;
   options.sessionLife = std::chrono::seconds{300};

@@ -15,9 +15,6 @@ TEST(ExchangeTime, FollowsDaylightSaving) {
                          Row{1762063200, "2025-11-02T01:00:00"}, Row{1735707600, "2025-01-01T00:00:00"}}) {
     EXPECT_EQ(ExchangeTimeText(row.instant), row.wall);
   }
-}
-
-TEST(ExchangeTime, WritesUtc) {
   EXPECT_EQ(UtcTimeText(1751376600), "2025-07-01T13:30:00Z");
 }
 

@@ -1,6 +1,5 @@
 // The simulator as a program, asked by curl.
-#include "tests/simulator/curl_simulator.h"
-#include "tests/support/child_process.h"
+#include "tests/simulator/event_client.h"
 #include "tests/support/eventually.h"
 #include "tests/support/temporary_folder.h"
 
@@ -31,12 +30,10 @@ bool SameTexts(const Json& object, const Json& sentFields) {
 
 TEST(FeederSim, TlsVerifiesOnlyWithItsAuthority) {
   Simulator sim;
-  const std::string address = fmt::format("https://127.0.0.1:{}/sim/state", sim.Ready()["https"].get<int>());
+  const std::string address = fmt::format("https://127.0.0.1:{}/sim/state", sim.HttpsPort());
   EXPECT_EQ(sim.Curl(address, {"--cacert", sim.CaFile()}).status, 200);
-  EXPECT_EQ(sim.Curl(sim.Address("/sim/state"), {"--cacert", sim.CaFile()}).status, 200);
   EXPECT_EQ(sim.Curl(address).exit, 60) << "peer certificate cannot be authenticated";
-  EXPECT_EQ(sim.Curl(fmt::format("http://127.0.0.1:{}/sim/state", sim.Ready()["http"].get<int>())).status, 200);
-  EXPECT_EQ(sim.Curl(fmt::format("https://other:{}/", sim.Ready()["https"].get<int>()),
+  EXPECT_EQ(sim.Curl(fmt::format("https://other:{}/", sim.HttpsPort()),
                      {"--cacert", sim.CaFile(), "--connect-to", "::127.0.0.1:"})
                 .exit,
             60);
@@ -86,7 +83,7 @@ TEST(FeederSim, QuoteShapes) {
 TEST(FeederSim, OnlyBearersAreServed) {
   const Simulator sim{{"--token", "right"}};
   const auto status = [&](const std::string& header) {
-    return sim.Curl(sim.Address("/v1/markets/clock"), {"--cacert", sim.CaFile(), "-H", header}).status;
+    return sim.Curl(sim.SecureBase() + "/v1/markets/clock", {"--cacert", sim.CaFile(), "-H", header}).status;
   };
   EXPECT_EQ(status("Authorization: Bearer right"), 200);
   EXPECT_EQ(status("Authorization: Basic right"), 401);
@@ -101,7 +98,7 @@ TEST(FeederSim, OnlyBearersAreServed) {
 TEST(FeederSim, AnswersXmlWithoutTheJsonHeader) {
   const Simulator sim;
   const Words words{"--cacert", sim.CaFile(), "-H", "Authorization: Bearer x"};
-  const std::string body = sim.Curl(sim.Address("/v1/markets/quotes?symbols=T"), words).body;
+  const std::string body = sim.Curl(sim.SecureBase() + "/v1/markets/quotes?symbols=T", words).body;
   EXPECT_NE(body.find("<quotes><quote><symbol>T</symbol><description>AT&amp;T Inc</description>"), std::string::npos);
 }
 
@@ -125,6 +122,13 @@ TEST(FeederSim, SessionsSwitch) {
   for (const char* name : {"last", "open", "high", "low"}) EXPECT_EQ(open[name], 123.45) << name;
   EXPECT_TRUE(open["close"].is_null());
   EXPECT_GT(open["trade_date"], before["trade_date"]);
+
+  const auto moves = [&] { return quote("MSFT") != quote("MSFT"); };
+  EXPECT_TRUE(moves());
+  EXPECT_EQ(sim.Control("hold", "on"), 200);
+  EXPECT_FALSE(moves());
+  EXPECT_EQ(sim.Control("hold", "off"), 200);
+  EXPECT_TRUE(moves());
 
   EXPECT_EQ(sim.Control("session", "post"), 200);
   EXPECT_EQ(state(), "postmarket");
@@ -240,24 +244,21 @@ TEST(FeederSim, SlowAnswersOfClientsThatLeftAreNotSent) {
 
 TEST(FeederSim, SameSeedSameRun) {
   const auto run = [](const std::string& seed) {
-    const Simulator sim{{"--seed", seed, "--clock", "1751376900", "--symbols", "40"}};
+    const Simulator sim{
+        {"--seed", seed, "--clock", "1751376900", "--symbols", "40", "--rate", "500", "--fault", "end@stream*1"}};
     std::string texts;
     for (int round = 0; round < 3; ++round) texts += sim.Get("/v1/markets/quotes?symbols=AAPL,SPY").body;
-    return texts + sim.Get("/v1/markets/timesales?symbol=SPY&interval=1min&start=2025-07-01%2009:00").body;
+    texts += sim.Get("/v1/markets/timesales?symbol=SPY&interval=1min&start=2025-07-01%2009:00").body;
+    std::vector<std::string> parts{texts, sim.Get("/v3/marketdata/stream/quotes/AAPL,SPY").body, ""};
+    EventClient client{sim};
+    client.Subscribe({"AAPL", "MSFT"}, NewSession(sim));
+    for (const std::string& message : client.Read(100)) parts.back() += message;
+    return parts;
   };
-  const std::string first = run("7");
+  const std::vector<std::string> first = run("7");
   EXPECT_EQ(run("7"), first);
-  EXPECT_NE(run("8"), first);
-}
-
-TEST(FeederSim, HeldPricesStandStill) {
-  const Simulator sim;
-  const std::string path = "/v1/markets/quotes?symbols=AAPL";
-  EXPECT_EQ(sim.Control("hold", "on"), 200);
-  const std::string held = sim.Get(path).body;
-  EXPECT_EQ(sim.Get(path).body, held);
-  EXPECT_EQ(sim.Control("hold", "off"), 200);
-  EXPECT_NE(sim.Get(path).body, held);
+  const std::vector<std::string> other = run("8");
+  for (std::size_t part = 0; part < first.size(); ++part) EXPECT_NE(other[part], first[part]) << part;
 }
 
 TEST(FeederSim, TakesLargeHeadsAndLogsThem) {

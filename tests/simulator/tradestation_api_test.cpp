@@ -72,7 +72,7 @@ TEST(TradeStationApi, StreamsInChunks) {
     const Simulator sim{{"--log", folder.File("log"), "--rate", "200", "--chunks", chunks, "--fault", "end"}};
     const std::string path = kStream + std::string{"AAPL,ZZZZZ,BRK/B"};
     const Answer answer = sim.Get(path, {"-N", "-D", folder.File("head"), "--next", "-sS", "--cacert", sim.CaFile(),
-                                         "-w", R"(\n%{num_connects})", sim.Address("/sim/state")});
+                                         "-w", R"(\n%{num_connects})", sim.SecureBase() + "/sim/state"});
     EXPECT_EQ(answer.exit, 0);
     EXPECT_EQ(answer.status, 0) << "connections that the second request made";
     std::string expected;
@@ -91,29 +91,36 @@ TEST(TradeStationApi, StreamsInChunks) {
 TEST(TradeStationApi, StreamFaults) {
   const TemporaryFolder folder;
   const Simulator sim{{"--log", folder.File("log"), "--rate", "200"}};
-  struct Row {
+  const struct {
     const char* fault;
     int exit;            // 18: the transfer broke off, 28: curl's time limit
     const char* reason;  // that the log gives
-  };
+    bool partial;        // the last object is not whole
+  } rows[] = {{"goaway", 0, "end", false},    {"end", 0, "end", false},      {"cut", 18, "cut", true},
+              {"stall", 28, "client", true},  {"drip", 28, "client", false}, {"huge", 28, "client", false},
+              {"slow10", 28, "client", false}};
   std::size_t streams = 0;
-  for (const Row& row : {Row{"goaway", 0, "end"}, Row{"cut", 18, "cut"}, Row{"stall", 28, "client"},
-                         Row{"drip", 28, "client"}, Row{"huge", 28, "client"}, Row{"slow10", 28, "client"}}) {
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.fault);
     EXPECT_EQ(sim.Control("fault", std::string{row.fault} + "@stream*1"), 200);
     const Answer answer = sim.Get(kStream + std::string{"AAPL"}, {"-N", "--max-time", row.exit == 28 ? "2" : "20"});
-    EXPECT_EQ(answer.exit, row.exit) << row.fault;
-    EXPECT_TRUE(answer.body.starts_with(R"({"Symbol":"AAPL","Open")")) << row.fault;
+    EXPECT_EQ(answer.exit, row.exit);
+    EXPECT_TRUE(answer.body.starts_with(R"({"Symbol":"AAPL","Open")"));
+    EXPECT_EQ(answer.body.ends_with("{\"StreamStatus\":\"GoAway\"}\r\n"), row.fault == std::string{"goaway"});
     ++streams;
     std::vector<Json> ends;
     EXPECT_TRUE(Eventually([&] {
-      ends.clear();
-      for (Json& line : LogLines(folder.File("log"))) {
-        if (line["kind"] == "stream_end") ends.push_back(std::move(line));
-      }
+      ends = LogLines(folder.File("log"));
+      std::erase_if(ends, [](const Json& line) { return line["kind"] != "stream_end"; });
       return ends.size() == streams;
-    })) << row.fault;
-    EXPECT_EQ(ends.back()["reason"], row.reason) << row.fault;
+    }));
+    EXPECT_EQ(ends.back()["reason"], row.reason);
     EXPECT_EQ(ends.back()["stream"], streams);
+    if (row.partial) {
+      const std::string partial = answer.body.substr(answer.body.rfind('\n') + 1);
+      EXPECT_NE(partial, "");
+      EXPECT_EQ(ends.back()["partial"], partial);
+    }
   }
   EXPECT_EQ(sim.Get("/sim/state").Parsed()["streams"]["open"], 0);
 }

@@ -1,11 +1,6 @@
 #include "tests/simulator/curl_simulator.h"
 #include "tests/support/temporary_folder.h"
 
-#include <boost/asio/connect.hpp>
-#include <boost/asio/io_context.hpp>
-#include <boost/asio/ip/tcp.hpp>
-#include <boost/asio/read.hpp>
-#include <boost/asio/write.hpp>
 #include <gmock/gmock.h>
 
 namespace quenmark::test {
@@ -16,28 +11,16 @@ using ::testing::HasSubstr;
 using ::testing::MatchesRegex;
 using ::testing::StartsWith;
 
-// All that the plain port sends until it closes.
-std::string Exchange(const Simulator& simulator, const std::string& request) {
-  namespace asio = boost::asio;
-  asio::io_context io;
-  asio::ip::tcp::socket socket{io};
-  socket.connect({asio::ip::address_v4::loopback(), simulator.Ready()["http"].get<unsigned short>()});
-  asio::write(socket, asio::buffer(request));
-  std::string answer;
-  boost::system::error_code error;
-  asio::read(socket, asio::dynamic_buffer(answer), error);
-  return error == asio::error::eof ? answer : error.message();
-}
-
-std::string QuoteRequest(const std::string& symbols) {
-  return "GET http://127.0.0.1/quotes/?c=77&s=" + symbols +
-         " HTTP/1.0\r\nAccept: */*\r\nAccept: text/html\r\nAuthorization: Basic x\r\n\r\n";
+// All that the plain port sends to a client of HTTP/1.0, or how curl fared.
+std::string Raw(const Simulator& simulator, const std::string& path) {
+  const Answer answer = simulator.Curl(simulator.PlainBase() + path, {"-i", "--raw", "--http1.0"});
+  return answer.exit == 0 ? answer.body : fmt::format("curl {}", answer.exit);
 }
 
 TEST(VendorApi, QuotesAreRecordsBehindAMark) {
   const Simulator simulator{{"--provider", "vendor", "--clock", "1710513000"}};  // 10:30 in New York
   ASSERT_EQ(simulator.Control("price", "AAPL 123.4"), 200);
-  const std::string answer = Exchange(simulator, QuoteRequest("AAPL@NOPE@BRK/B@BF-B"));
+  const std::string answer = Raw(simulator, "/quotes/?c=77&s=AAPL@NOPE@BRK/B@BF-B");
   EXPECT_THAT(answer, StartsWith("HTTP/1.0 200 OK\r\n"));
   const std::string body = answer.substr(answer.find("\r\n\r\n") + 4);
   EXPECT_THAT(body, StartsWith("77|20240315103001|@|AAPL-"));
@@ -67,7 +50,7 @@ TEST(VendorApi, NewsAboveAnId) {
   EXPECT_THAT(item["related"], HasSubstr(item["symbol"].get<std::string>() + ","));
   for (const char* bad : {"", "x", "1x"}) EXPECT_EQ(simulator.Get(std::string{"/news/?id="} + bad).status, 400) << bad;
   // HTTP/1.1 and a close, also to a client of HTTP/1.0.
-  EXPECT_THAT(Exchange(simulator, "GET /news/?id=1003 HTTP/1.0\r\n\r\n"),
+  EXPECT_THAT(Raw(simulator, "/news/?id=1003"),
               ::testing::AllOf(StartsWith("HTTP/1.1 200"), HasSubstr("Connection: close\r\n"), EndsWith("}]}")));
 }
 
@@ -91,14 +74,13 @@ TEST(VendorApi, Faults) {
   };
   for (const Row& row :
        {Row{"http10", "/news/?id=0", "HTTP/1.0 200 OK"}, Row{"chunked", "/news/?id=0", "Transfer-Encoding: chunked"},
-        Row{"chunked", "/news/?id=0", "\r\n3e8\r\n{\"data\":[{"},
-        Row{"reset", "/news/?id=0", "Connection reset by peer"}, Row{"odd", "/news/?id=0", "\"no object\""},
-        Row{"odd", "/quotes/?s=AAPL", "|AAPL--0-1-1"}, Row{"status500", "/quotes/?s=AAPL", "HTTP/1.1 500"},
-        Row{"html", "/ico/?s=AAPL", "<html>"}, Row{"empty", "/ico/?s=AAPL", "Content-Length: 0"}}) {
+        Row{"chunked", "/news/?id=0", "\r\n3e8\r\n{\"data\":[{"}, Row{"reset", "/news/?id=0", "curl 56"},
+        Row{"odd", "/news/?id=0", "\"no object\""}, Row{"odd", "/quotes/?s=AAPL", "|AAPL--0-1-1"},
+        Row{"status500", "/quotes/?s=AAPL", "HTTP/1.1 500"}, Row{"html", "/ico/?s=AAPL", "<html>"},
+        Row{"empty", "/ico/?s=AAPL", "Content-Length: 0"}}) {
     ASSERT_EQ(simulator.Control("fault", std::string{row.fault} + "*1"), 200);
-    const std::string request = std::string{"GET "} + row.path + " HTTP/1.0\r\n\r\n";
-    EXPECT_THAT(Exchange(simulator, request), HasSubstr(row.answer)) << row.fault << ' ' << row.path;
-    EXPECT_THAT(Exchange(simulator, request), HasSubstr(" 200 OK")) << "only once";
+    EXPECT_THAT(Raw(simulator, row.path), HasSubstr(row.answer)) << row.fault << ' ' << row.path;
+    EXPECT_THAT(Raw(simulator, row.path), HasSubstr(" 200 OK")) << "only once";
   }
 }
 

@@ -19,6 +19,7 @@ class SimulatorProcess {
   // Serves the same with the certificate that --wss-certificate names.
   int WssPort() const { return m_wssPort; }
   const std::string& CaFile() const { return m_caFile; }
+  ChildProcess& Program() { return m_process; }
   // "http://127.0.0.1:PORT", and the same over TLS under the name localhost.
   std::string PlainBase() const;
   std::string SecureBase() const;
