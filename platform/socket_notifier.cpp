@@ -399,12 +399,15 @@ SocketResult SocketNotifier::AfterSend(SocketHandle handle, SocketResult result)
   return result;
 }
 
+// The system calls a connection that was made, ended and then reset by the peer broken, as one that this side has shut.
+void SocketNotifier::TellReset(const Entry& entry, SocketResult& result) {
+  if (result.error != kWsaShutDown || entry.sendShut) return;
+  result.error = entry.resetCode != 0 ? entry.resetCode : kWsaConnectionReset;
+}
+
 // A send or receive call during a connect call takes the error away that CONNECT is to tell.
 void SocketNotifier::NoteFailedConnect(SocketHandle handle, Entry& entry, SocketResult& result) {
-  // Broken can be only what was made, ended and then reset by the peer.
-  if (result.error == kWsaShutDown && !entry.sendShut) {
-    result.error = entry.resetCode != 0 ? entry.resetCode : kWsaConnectionReset;
-  }
+  TellReset(entry, result);
   if (result.Ok() || result.error == kWsaWouldBlock || entry.resetCode != 0) return;
   const SocketResult ready = m_api.Poll(handle);
   if (!ready.Ok() || (ready.value & kPollHangUp) != 0) entry.resetCode = result.error;
@@ -412,9 +415,7 @@ void SocketNotifier::NoteFailedConnect(SocketHandle handle, Entry& entry, Socket
 
 // Remembers a failure that means the end of the connection, and says so in every later failure.
 bool SocketNotifier::NoteReset(Entry& entry, SocketResult& result) {
-  if (result.error == kWsaShutDown && !entry.sendShut) {
-    result.error = entry.resetCode != 0 ? entry.resetCode : kWsaConnectionReset;
-  }
+  TellReset(entry, result);
   if (!IsReset(result.error)) return false;
   entry.resetCode = result.error;
   entry.hangUp = true;

@@ -106,6 +106,7 @@ class SocketNotifier {
   bool IsReadable(SocketHandle handle);
   SocketResult AfterReceive(SocketHandle handle, SocketResult result, std::size_t wanted, std::int32_t flags);
   SocketResult AfterSend(SocketHandle handle, SocketResult result);
+  static void TellReset(const Entry& entry, SocketResult& result);
   void NoteFailedConnect(SocketHandle handle, Entry& entry, SocketResult& result);
   bool NoteReset(Entry& entry, SocketResult& result);
   bool PostEvent(SocketHandle handle, Entry& entry, std::int32_t event, std::int32_t error = 0);

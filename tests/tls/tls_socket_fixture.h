@@ -204,6 +204,18 @@ class TlsSocketFixture {
     ASSERT_TRUE(Wait([&] { return m_peer->ssl.Ready(); }));
     m_owner->events.clear();
   }
+  // Of a peer that holds back: the last message of its handshake, the text and its close_notify come in one read.
+  void PeerFinishesAndEnds(std::string_view text) {
+    for (const tls::State expected : {tls::State::kExpectServerHello, tls::State::kExpectServerFinished}) {
+      m_peer->ssl.Run();
+      m_peer->Flush();
+      ASSERT_TRUE(Wait([&] { return m_socket->Engine().state == expected; }));
+      Settle();
+      m_peer->Read();
+    }
+    m_peer->ssl.Send(View(text));
+    m_peer->CloseNotify();
+  }
   std::string PeerText() const { return Text(m_peer->ssl.plaintext); }
 
   platform::SystemClock m_clock;

@@ -372,7 +372,6 @@ TEST_P(TlsSocketTest, RenegotiationIsJudgedAgain) {
   }
 }
 
-// The server's last message of a renegotiation, data and its close_notify in one read.
 TEST_P(TlsSocketTest, RenegotiationIsJudgedBeforeTheEndBehindIt) {
   if (GetParam() != TLS1_2_VERSION) return;
   for (const bool valid : {true, false}) {
@@ -381,15 +380,7 @@ TEST_P(TlsSocketTest, RenegotiationIsJudgedBeforeTheEndBehindIt) {
     m_judge->valid = valid;
     m_peer->holdsBack = true;
     m_peer->Renegotiate();
-    ASSERT_TRUE(Wait([&] { return m_socket->Engine().state == tls::State::kExpectServerHello; }));
-    Settle();
-    m_peer->Read();
-    m_peer->Flush();
-    ASSERT_TRUE(Wait([&] { return m_socket->Engine().state == tls::State::kExpectServerFinished; }));
-    Settle();
-    m_peer->Read();
-    m_peer->ssl.Send(View("last words"));
-    m_peer->CloseNotify();
+    PeerFinishesAndEnds("last words");
     ASSERT_TRUE(Wait([&] { return m_socket->IsClosed() && !m_owner->events.empty(); }));
     Settle();
     EXPECT_EQ(m_owner->events, valid ? (Events{"OnReceive", "OnClose 0"}) : Events{"OnError 80040000 1"});
@@ -584,8 +575,6 @@ TEST_P(TlsSocketTest, ConnectsAgainOnASocketOfItsOwnMaking) {
   EXPECT_TRUE(Wait([&] { return PeerText() == "again"; }));
 }
 
-// The server's last message of the handshake, data and its close_notify come in one read; the handler of OnConnect
-// reads.
 TEST_P(TlsSocketTest, DataBehindTheHandshakeIsThereInOnConnectAlsoBeforeAnEnd) {
   if (GetParam() != TLS1_2_VERSION) return;
   for (const bool waits : {false, true}) {
@@ -600,16 +589,7 @@ TEST_P(TlsSocketTest, DataBehindTheHandshakeIsThereInOnConnectAlsoBeforeAnEnd) {
     };
     m_socket = NewSocket();
     ASSERT_TRUE(m_socket->Connect("127.0.0.1", port));
-    ASSERT_TRUE(Wait([&] { return m_socket->Engine().state == tls::State::kExpectServerHello; }));
-    Settle();
-    m_peer->Read();
-    m_peer->ssl.Run();
-    m_peer->Flush();
-    ASSERT_TRUE(Wait([&] { return m_socket->Engine().state == tls::State::kExpectServerFinished; }));
-    Settle();
-    m_peer->Read();
-    m_peer->ssl.Send(View("hello"));
-    m_peer->CloseNotify();
+    PeerFinishesAndEnds("hello");
     ASSERT_TRUE(WaitFor("OnClose 0"));
     EXPECT_EQ(text, "hello");
     EXPECT_EQ(m_owner->received, "");
