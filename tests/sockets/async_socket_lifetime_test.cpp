@@ -19,7 +19,11 @@ using sockets::NotifyRecord;
 
 enum class Ending { kClose, kDrop, kReopen };
 
-class EndsInHandler : public SocketTest, public testing::WithParamInterface<std::tuple<const char*, Ending>> {
+void PrintTo(Ending ending, std::ostream* out) {
+  *out << (ending == Ending::kClose ? "close" : ending == Ending::kDrop ? "drop" : "reopen");
+}
+
+class EndsInHandler : public SocketTest, public testing::WithParamInterface<std::tuple<std::string, Ending>> {
  protected:
   // Makes every event happen to a socket that does not end earlier.
   void Play(const bool& ended) {
@@ -42,7 +46,7 @@ TEST_P(EndsInHandler, NothingFollowsAndNothingLeaks) {
   std::weak_ptr<cAsyncSocket> weak;
   bool ended = false;
   m_recorder->notify = true;
-  m_recorder->act = [&, wanted = std::string(event), how = ending](cAsyncSocket& socket, const std::string& seen) {
+  m_recorder->act = [&, wanted = event, how = ending](cAsyncSocket& socket, const std::string& seen) {
     if (seen == "OnReceive") socket.ReceiveText();
     EXPECT_FALSE(ended) << seen;
     if (seen != wanted) return;
