@@ -63,11 +63,12 @@ class Walk {
   }
 
   Outcome Handle(const std::string& key, const std::string& value) {
-    if (key.size() < 2 || key.find('|') != 1) {
+    const std::size_t bar = key.find('|');
+    if (bar == std::string::npos || platform::Utf16Length(std::string_view(key).substr(0, bar)) != 1) {
       Delete(key);
       return Outcome::kHandled;
     }
-    const Order order{key, value, std::string_view(key).substr(2), platform::ReadNumber(value)};
+    const Order order{key, value, std::string_view(key).substr(bar + 1), platform::ReadNumber(value)};
     const char side = platform::AsciiUpper(key.substr(0, 1)).front();
     const bool knownSide = side == 'B' || side == 'S';
     const double status = std::nearbyint(platform::ReadNumber(Read("Ord-Status", order.id)));

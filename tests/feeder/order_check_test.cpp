@@ -31,6 +31,7 @@ TEST_F(Orders, EveryOneEndsWhereItBelongs) {
                {"sell below last", "s|7", "9.50", "1", "Today", "4", "9.5"},
                {"sell at last", "S|7", "10", "1", "Open", "1", ""},
                {"unknown side", "X|7", "10.01", "1", "Today", "9", "0"},
+               {"unknown side of two bytes", "\u00C9|7", "10.01", "1", "Today", "9", "0"},
                {"no price", "B|7", "0", "1", "Today", "9", "0"},
                {"price is no number", "B|7", "ten", "1", "Today", "9", "0"},
                {"already filled", "B|7", "5", "4", "Error", "9", ""},
