@@ -19,9 +19,10 @@ constexpr double kMostDecimals = 28;
 // `increment` with as many decimals as the format says.
 std::string WithDecimals(const JsonValue& format, std::string_view increment) {
   const JsonValue& value = format.At(increment);
-  if (value.IsEmpty()) platform::RaiseTypeMismatch();
-  const double decimals = std::clamp(format.At("Decimals").Number(), 0.0, kMostDecimals);
-  return FormatNum(value.Text(), static_cast<int>(decimals), false, platform::kLocaleEnglishUs, true);
+  const JsonValue& decimals = format.At("Decimals");
+  if (value.IsEmpty() || decimals.IsEmpty()) platform::RaiseTypeMismatch();
+  const int count = static_cast<int>(std::clamp(decimals.Number(), 0.0, kMostDecimals));
+  return FormatNum(value.Text(), count, false, platform::kLocaleEnglishUs, true);
 }
 
 std::string TickDecimals(std::string_view record, const JsonValue& format) {

@@ -49,6 +49,9 @@ TEST_F(SymbolMaster, RejectedSymbolHasTwoDecimalsAndBrokenEntriesHaveNone) {
   Catalogue("TradeStation", R"({"Symbol":"ES","Error":"Invalid Symbol"})");
   EXPECT_EQ(PegaTickFatorLote(context, "ES", "tickdec"), "2");
   EXPECT_EQ(PegaTickFatorLote(context, "ES", "tick"), "");
+  // A tick that cannot be told is none, not a rounded one.
+  Catalogue("TradeStation", R"({"PriceFormat":{"Increment":"0.25"},"QuantityFormat":{"MinimumTradeQuantity":"1.5"}})");
+  for (const char* question : {"tick", "lote"}) EXPECT_EQ(PegaTickFatorLote(context, "ES", question), "") << question;
   Catalogue("Tradier", "no json");
   EXPECT_EQ(PegaTickFatorLote(context, "ES", "tickdec"), "");
 }
