@@ -9,6 +9,7 @@
 #include "providers/text_pieces.h"
 
 #include <algorithm>
+#include <cmath>
 
 namespace quenmark::feeder {
 namespace {
@@ -105,18 +106,18 @@ void TradierEvents::Write(std::string_view last, std::string_view symbol, std::s
   m_context.store.SaveSetting(m_context.settingsApp, providers::kFeederSection, symbol, m_record);
 }
 
-// Against the previous close; without one the change stays as it is stored.
+// Against the previous close; without one, or when the change is no number, it stays as it is stored.
 void TradierEvents::AppendChange(std::optional<double> price, std::string_view symbol, std::string_view stored) {
-  double close = 0;
+  double percent = NAN;
   if (price) {
     m_key.assign(symbol).append("-pc");
     m_context.store.Read(m_context.settingsApp, providers::kFeederSection, m_key, m_close);
-    close = platform::ReadNumber(m_close);
+    percent = (*price / platform::ReadNumber(m_close) - 1) * 100;
   }
-  if (close == 0) {
-    m_record.append(stored);
+  if (std::isfinite(percent)) {
+    m_record.append(FormatChange(percent));
   } else {
-    m_record.append(FormatChange((*price / close - 1) * 100));
+    m_record.append(stored);
   }
 }
 
