@@ -64,8 +64,9 @@ TEST_F(Live, EveryRecordIsWhatWasSent) {
               {"an offer of compression", 8, 500, "37", {"--rate", "1000", "--deflate"}}};
   const auto host = StartStandIn();
   for (const auto& row : rows) {
-    std::vector<std::string> arguments{"--clock",      kMorning, "--events", std::to_string(row.events),
-                                       "--event-step", row.step};
+    const std::string symbols = std::to_string(row.symbols);
+    std::vector<std::string> arguments{
+        "--clock", kMorning, "--symbols", symbols, "--events", std::to_string(row.events), "--event-step", row.step};
     arguments.insert(arguments.end(), row.arguments.begin(), row.arguments.end());
     Market market = Open(arguments);
     FeederHome home(market, FeederHome::Endpoint::kLive);
@@ -73,6 +74,7 @@ TEST_F(Live, EveryRecordIsWhatWasSent) {
     const auto feeder = home.Start();
     ASSERT_TRUE(Eventually([&] { return Events(market).at("events") == row.events; })) << row.about;
     ExpectRecordsAsSent(home);
+    EXPECT_EQ(RecordsOf(Log()).size(), 3 * row.symbols) << row.about;  // each with a previous close and a book
     EXPECT_TRUE(feeder->Running()) << row.about;
     ExpectDiscreet(*feeder);
   }
