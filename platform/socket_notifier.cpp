@@ -285,8 +285,11 @@ SocketResult SocketNotifier::Listen(SocketHandle handle, std::int32_t backlog) {
 }
 
 SocketResult SocketNotifier::Connect(SocketHandle handle, const InetAddress& address) {
-  const SocketResult result = m_api.Connect(handle, address);
   Entry* entry = Find(handle);
+  // The system would answer with the end of the first call, which is CONNECT's to tell.
+  if (entry != nullptr && entry->state == State::kConnecting) return SocketResult::Failure(kWsaAlready);
+  if (entry != nullptr && entry->state == State::kConnected) return SocketResult::Failure(kWsaIsConnected);
+  const SocketResult result = m_api.Connect(handle, address);
   if (entry == nullptr || entry->state != State::kIdle) return result;
   if (result.Ok()) {
     entry->state = State::kConnected;

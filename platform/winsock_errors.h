@@ -21,6 +21,7 @@ inline constexpr std::int32_t kWsaNetworkReset = 10052;
 inline constexpr std::int32_t kWsaConnectionAborted = 10053;
 inline constexpr std::int32_t kWsaConnectionReset = 10054;
 inline constexpr std::int32_t kWsaNoBuffers = 10055;
+inline constexpr std::int32_t kWsaIsConnected = 10056;
 inline constexpr std::int32_t kWsaNotConnected = 10057;
 inline constexpr std::int32_t kWsaShutDown = 10058;
 inline constexpr std::int32_t kWsaTimedOut = 10060;

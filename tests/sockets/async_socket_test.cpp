@@ -124,6 +124,24 @@ TEST_F(AsyncSocket, RefusesWhatCannotBe) {
   EXPECT_EQ(ErrorOf(m_socket->Create()), platform::kWsaNotInitialised);
 }
 
+TEST_F(AsyncSocket, ASecondConnectLeavesTheFirstAlone) {
+  m_listener = Descriptor(PlainListener());
+  const Descriptor refusing(PlainSocket(SOCK_STREAM));
+  for (const bool refused : {false, true}) {
+    const int port = PortOf(refused ? refusing : m_listener);
+    m_socket = NewSocket();
+    m_recorder->events.clear();
+    ASSERT_TRUE(m_socket->Connect("127.0.0.1", port));
+    EXPECT_EQ(ErrorOf(m_socket->Connect("127.0.0.1", port)), platform::kWsaAlready);
+    ASSERT_TRUE(WaitFor(refused ? "OnError 10061 16" : "OnSend"));
+    if (!refused) {
+      EXPECT_EQ(ErrorOf(m_socket->Connect("127.0.0.1", port)), platform::kWsaIsConnected);
+    }
+    Settle();
+    EXPECT_EQ(m_recorder->events, refused ? Events{"OnError 10061 16"} : (Events{"OnConnect", "OnSend"}));
+  }
+}
+
 // --- Data ------------------------------------------------------------------------------------------------------------
 
 TEST_F(AsyncSocket, ReadComesOnceAndAgainAfterAReceiveThatLeavesData) {
