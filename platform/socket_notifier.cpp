@@ -289,8 +289,10 @@ SocketResult SocketNotifier::Connect(SocketHandle handle, const InetAddress& add
   // The system would answer with the end of the first call, which is CONNECT's to tell.
   if (entry != nullptr && entry->state == State::kConnecting) return SocketResult::Failure(kWsaAlready);
   if (entry != nullptr && entry->state == State::kConnected) return SocketResult::Failure(kWsaIsConnected);
-  const SocketResult result = m_api.Connect(handle, address);
+  SocketResult result = m_api.Connect(handle, address);
   if (entry == nullptr || entry->state != State::kIdle) return result;
+  // The first call after one that has failed only makes the system forget that one.
+  if (result.error == kWsaConnectionAborted) result = m_api.Connect(handle, address);
   if (result.Ok()) {
     entry->state = State::kConnected;
     entry->enabled = kFdAll;

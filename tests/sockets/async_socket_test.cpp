@@ -142,6 +142,23 @@ TEST_F(AsyncSocket, ASecondConnectLeavesTheFirstAlone) {
   }
 }
 
+TEST_F(AsyncSocket, ASocketWhoseConnectCallFailedConnectsAgain) {
+  m_listener = Descriptor(PlainListener());
+  const Descriptor refusing(PlainSocket(SOCK_STREAM));
+  m_socket = NewSocket();
+  m_recorder->act = [&](cAsyncSocket& socket, const std::string& event) {
+    if (event != "OnError 10061 16") return;
+    const bool again = m_recorder->Count(event) == 1;
+    EXPECT_TRUE(socket.Connect("127.0.0.1", PortOf(again ? refusing : m_listener)));
+  };
+  ASSERT_TRUE(m_socket->Connect("127.0.0.1", PortOf(refusing)));
+  ASSERT_TRUE(WaitFor("OnSend"));
+  EXPECT_EQ(m_recorder->events, (Events{"OnError 10061 16", "OnError 10061 16", "OnConnect", "OnSend"}));
+  m_peer = Descriptor(PlainAccept(m_listener));
+  PlainSend(m_peer, "x");
+  EXPECT_TRUE(WaitFor("OnReceive"));
+}
+
 // --- Data ------------------------------------------------------------------------------------------------------------
 
 TEST_F(AsyncSocket, ReadComesOnceAndAgainAfterAReceiveThatLeavesData) {
