@@ -133,10 +133,20 @@ cAsyncSocket::Wait::~Wait() {
   if (outer == nullptr && std::uncaught_exceptions() > exceptions) socket.pvPutBack();
 }
 
+// Before what has come since.
 void cAsyncSocket::pvPutBack() {
+  if (m_pendingEvents.empty()) return;
+  std::vector<Message> since;
+  const std::uint32_t number = kMessageFirstSocket + static_cast<std::uint32_t>(m_slot);
+  m_helper->Loop().RemoveMessages(m_helper->Window(), [&](const Message& message) {
+    if (message.number != number) return false;
+    since.push_back(message);
+    return true;
+  });
   for (const NotifyRecord& record : std::exchange(m_pendingEvents, {})) {
     m_helper->Post(m_slot, record.wParam, record.lParam);
   }
+  for (const Message& message : since) m_helper->Loop().Post(message);
 }
 
 bool cAsyncSocket::SyncWaitForEvent(std::int32_t timeout, std::int32_t eventMask) {

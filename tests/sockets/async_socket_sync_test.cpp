@@ -294,5 +294,16 @@ TEST_F(AsyncSocketSync, WhatAWaitHasKeptIsToldAlsoWhenAHandlerThrowsThroughIt) {
   EXPECT_TRUE(Wait([&] { return m_recorder->Saw("OnReceive"); }));
 }
 
+TEST_F(AsyncSocketSync, WhatIsPutBackComesBeforeWhatHasComeSince) {
+  StartPair();
+  PlainSend(m_peer, "x");
+  // In front of all notifications, so that it throws when one of them has been taken.
+  m_loop.Post({m_loop.CreateHiddenWindow("any", [](const platform::Message&) { throw 1; }), 2000, 0, 0});
+  EXPECT_THROW(m_socket->SyncWaitForEvent(5000, platform::kFdOutOfBand), int);
+  ASSERT_TRUE(WaitFor("OnReceive"));
+  Settle();
+  EXPECT_EQ(m_recorder->events, (Events{"OnConnect", "OnSend", "OnReceive"}));
+}
+
 }  // namespace
 }  // namespace quenmark::test
