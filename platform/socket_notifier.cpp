@@ -348,6 +348,8 @@ SocketResult SocketNotifier::AfterReceive(SocketHandle handle, SocketResult resu
   if (entry == nullptr) return result;
   if ((flags & kMessageOutOfBand) != 0) {
     entry->enabled |= kFdOutOfBand;
+    // Whatever else arrived meanwhile has told of the same byte.
+    if (result.Ok() && (flags & kMessagePeek) == 0) entry->urgent = false;
     return result;
   }
   entry->enabled |= kFdRead;

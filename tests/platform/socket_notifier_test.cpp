@@ -106,6 +106,22 @@ TEST_F(SocketNotifierTest, UrgentDataIsAnEventOfItsOwnAndHidesNothing) {
   }
 }
 
+TEST_F(SocketNotifierTest, UrgentDataIsToldOnceThoughMoreDataFollows) {
+  Connect();
+  ASSERT_EQ(send(m_peer, "!", 1, MSG_OOB), 1);
+  test::PlainSend(m_peer, "a");
+  ASSERT_TRUE(Arrives(kFdOutOfBand) && Arrives(kFdRead));
+  test::PlainSend(m_peer, "b");
+  m_loop.RunQueued();
+  ASSERT_EQ(m_notifier.Receive(m_socket, m_room, kMessageOutOfBand).value, 1);
+  ASSERT_EQ(m_notifier.Receive(m_socket, m_room, 0).value, 2);
+  m_loop.RunQueued();
+  EXPECT_EQ(std::count(m_events.begin(), m_events.end(), kFdOutOfBand), 1);
+  m_events.clear();
+  ASSERT_EQ(send(m_peer, "?", 1, MSG_OOB), 1);
+  EXPECT_TRUE(Arrives(kFdOutOfBand));
+}
+
 TEST_F(SocketNotifierTest, AnErrorOfADatagramSocketDoesNotSilenceIt) {
   m_peer = test::Descriptor(test::PlainSocket(SOCK_DGRAM));
   m_socket = test::Descriptor(test::PlainSocket(SOCK_DGRAM));
