@@ -429,6 +429,16 @@ bool SocketNotifier::NoteReset(Entry& entry, SocketResult& result) {
   return true;
 }
 
+SocketResult SocketNotifier::PendingError(SocketHandle handle) {
+  const SocketResult fetched = m_api.GetOption(handle, kSolSocket, kSoError);
+  Entry* entry = Find(handle);
+  if (entry == nullptr || !fetched.Ok() || fetched.value == 0) return fetched;
+  SocketResult failure = SocketResult::Failure(fetched.value);
+  if (entry->state == State::kConnecting) NoteFailedConnect(handle, *entry, failure);
+  if (entry->state == State::kConnected && NoteReset(*entry, failure)) Evaluate(handle, *entry);
+  return {failure.error, 0};
+}
+
 SocketResult SocketNotifier::Available(SocketHandle handle) {
   Entry* entry = Find(handle);
   const State state = entry != nullptr ? entry->state : State::kIdle;

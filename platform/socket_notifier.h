@@ -61,6 +61,9 @@ class SocketNotifier {
   // Bytes waiting, at least 1 at a mark of urgent data that more lies behind; of a datagram socket those of the next
   // datagram, empty ones before it being dropped.
   SocketResult Available(SocketHandle handle);
+  // The error that waits to be fetched, 0 when there is none. The system gives it once; CONNECT and CLOSE tell it
+  // still.
+  SocketResult PendingError(SocketHandle handle);
   // Re-enables READ without a receive call.
   void Rearm(SocketHandle handle);
 

@@ -46,7 +46,9 @@ bool cAsyncSocket::pvHasHandle() {
 
 std::int32_t cAsyncSocket::SockOpt(std::int32_t optionName, std::int32_t level) {
   if (!pvHasHandle()) return 0;
-  const SocketResult result = m_helper->Api().GetOption(m_handle, level, optionName);
+  const bool isError = level == platform::kSolSocket && optionName == platform::kSoError;
+  const SocketResult result =
+      isError ? m_helper->Notifier().PendingError(m_handle) : m_helper->Api().GetOption(m_handle, level, optionName);
   return pvResult(result) ? result.value : 0;
 }
 

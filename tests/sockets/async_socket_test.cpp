@@ -159,6 +159,22 @@ TEST_F(AsyncSocket, ASocketWhoseConnectCallFailedConnectsAgain) {
   EXPECT_TRUE(WaitFor("OnReceive"));
 }
 
+TEST_F(AsyncSocket, AskingForTheErrorDoesNotKeepItFromTheEvents) {
+  const Descriptor refusing(PlainSocket(SOCK_STREAM));
+  m_socket = NewSocket();
+  ASSERT_TRUE(m_socket->Connect("127.0.0.1", PortOf(refusing)));
+  EXPECT_EQ(m_socket->SockOpt(platform::kSoError), platform::kWsaRefused);
+  ASSERT_TRUE(WaitFor("OnError 10061 16"));
+  EXPECT_EQ(m_recorder->events.size(), 1U);
+
+  ConnectPair();
+  PlainReset(m_peer);
+  EXPECT_EQ(m_socket->SockOpt(platform::kSoError), platform::kWsaConnectionReset);
+  ASSERT_TRUE(WaitFor("OnError 10054 32"));
+  EXPECT_EQ(m_recorder->events.size(), 1U);
+  EXPECT_EQ(m_socket->SockOpt(platform::kSoError), 0);
+}
+
 // --- Data ------------------------------------------------------------------------------------------------------------
 
 TEST_F(AsyncSocket, ReadComesOnceAndAgainAfterAReceiveThatLeavesData) {
