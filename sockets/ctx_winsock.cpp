@@ -250,6 +250,7 @@ ctxWinsock::Fault ctxWinsock::pvFaultOf(const tls::SocketError& error) {
 
 void ctxWinsock::pvReport(const Fault& fault, bool raise) {
   const Keep keep(*this);
+  ++m_reports;
   pvSetState(kStateError);
   bool cancelDisplay = false;
   pvRaise(&WinsockEvents::Error, static_cast<std::int16_t>(fault.number & 0xFFFF), fault.description, fault.scode,

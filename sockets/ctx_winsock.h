@@ -199,6 +199,7 @@ class ctxWinsock : public std::enable_shared_from_this<ctxWinsock>, private tls:
   std::int64_t m_sendDropped = 0;   // bytes sent and no longer in it
   std::int64_t m_tlsSubmitted = 0;  // bytes the TLS socket has taken
   int m_sending = 0;                // running send steps, one at most
+  std::uint64_t m_reports = 0;      // errors reported
 
   std::shared_ptr<tls::cTlsSocket> m_incoming;  // while its ConnectionRequest runs
   std::shared_ptr<tls::cTlsSocket> m_socket;

@@ -89,9 +89,11 @@ void ctxWinsock::pvSendLoop(std::uint64_t generation) {
   const auto socket = pvGoneSince(generation) ? nullptr : pvSocket();
   while (socket != nullptr && !pvGoneSince(generation) && m_sendPosition < m_sendBuffer.size()) {
     const std::uint64_t epoch = m_sendEpoch;
+    const std::uint64_t reports = m_reports;
     const std::int32_t sent = pvSendOnce(*socket);
     if (sent < 0) {
-      if (!socket->HasPendingEvent() && !pvGoneSince(generation) && m_state != kStateError) {
+      // A fault of TLS has been reported by now.
+      if (!socket->HasPendingEvent() && !pvGoneSince(generation) && m_reports == reports) {
         pvReport(pvFaultOf(socket->LastError()), false);
       }
       return;

@@ -249,6 +249,8 @@ TEST_F(CtxWinsockTest, SendingWithoutAConnection) {
   m_client.control->SendData("nobody");
   EXPECT_EQ(m_client.events, (Names{"Connect", "Error 10057 2749"}));
   EXPECT_EQ(m_client.control->State(), 9);
+  m_client.control->SendData("again");
+  EXPECT_EQ(m_client.events, (Names{"Connect", "Error 10057 2749", "Error 10057 2749"}));
 }
 
 TEST_F(CtxWinsockTest, Datagrams) {
