@@ -144,6 +144,8 @@ class cAsyncSocket : public std::enable_shared_from_this<cAsyncSocket> {
   void SyncCancelWait() { m_waiting = false; }
   // Raises the events of the notifications that arrived during waits.
   void SyncProcessMsgQueue();
+  // Queues those notifications again, before what has come since, for an owner who is not to be called now.
+  void SyncRequeueMsgQueue();
 
  private:
   friend class NotificationHelper;
@@ -214,7 +216,6 @@ class cAsyncSocket : public std::enable_shared_from_this<cAsyncSocket> {
                           std::int32_t flags);
   std::int32_t pvWait(Wait& wait, platform::MonotonicTime deadline, std::int32_t eventMask);
   bool pvTakeMessage(std::uint32_t number);
-  void pvPutBack();
   bool pvLetOneMessageRun(const Wait& wait, const platform::Message& first, bool& leftStanding);
   std::int32_t pvTimeout(std::int32_t timeout, std::int32_t optionName);
   std::int32_t pvElapsed(platform::MonotonicTime since);

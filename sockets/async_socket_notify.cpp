@@ -130,11 +130,10 @@ cAsyncSocket::Wait::Wait(cAsyncSocket& waiting)
 cAsyncSocket::Wait::~Wait() {
   socket.m_waits = outer;
   socket.m_waiting = outerWaiting;
-  if (outer == nullptr && std::uncaught_exceptions() > exceptions) socket.pvPutBack();
+  if (outer == nullptr && std::uncaught_exceptions() > exceptions) socket.SyncRequeueMsgQueue();
 }
 
-// Before what has come since.
-void cAsyncSocket::pvPutBack() {
+void cAsyncSocket::SyncRequeueMsgQueue() {
   if (m_pendingEvents.empty()) return;
   std::vector<Message> since;
   const std::uint32_t number = kMessageFirstSocket + static_cast<std::uint32_t>(m_slot);

@@ -159,7 +159,10 @@ Bytes ctxWinsock::pvReadSocket(std::int32_t maxLen) {
     const Counted reading(m_reads);
     (void)socket->SyncReceiveArray(bytes, std::max(maxLen, 0), m_timeout);
   }
-  if ((maxLen >= 0 || m_closeWaits) && m_reads == 0 && m_socket != nullptr) pvPostAfterRead();
+  if (m_reads == 0 && m_socket != nullptr) {
+    m_socket->Socket()->SyncRequeueMsgQueue();  // before what the last receive call has set off
+    if (maxLen >= 0 || m_closeWaits) pvPostAfterRead();
+  }
   return bytes;
 }
 

@@ -180,6 +180,25 @@ TEST_F(CtxWinsockTest, ReadsWaitUpToTheTimeout) {
   ASSERT_TRUE(WaitFor(m_client, "Close"));  // not lost in the wait
 }
 
+// What happened during the read is told before what came of the data that it took.
+TEST_F(CtxWinsockTest, ReadBeforeItIsToldOfTheConnection) {
+  for (const bool ends : {false, true}) {
+    m_client.events.clear();
+    m_listener = Descriptor(PlainListener());
+    m_client.control->Connect("127.0.0.1", PortOf(m_listener));
+    m_peer = Descriptor(PlainAccept(m_listener));
+    platform::Timer later(m_loop, std::chrono::milliseconds{5}, [&] {
+      later.SetEnabled(false);
+      PlainSend(m_peer, "abcdef");
+      if (ends) m_peer.Close();
+    });
+    later.SetEnabled(true);
+    EXPECT_EQ(m_client.Get(ends ? 6 : 3), ends ? "abcdef" : "abc");
+    ASSERT_TRUE(WaitFor(m_client, ends ? "Close" : "DataArrival"));
+    EXPECT_THAT(m_client.events, ElementsAre("Connect", ends ? "Close" : "DataArrival"));
+  }
+}
+
 TEST_F(CtxWinsockTest, TypesThatAreNone) {
   const auto fault = [](const std::function<void()>& call) {
     try {
