@@ -308,6 +308,7 @@ void ctxWinsock::Accept(std::int32_t requestId) {
     m_accepted = true;
     // What has arrived since the connection was offered is notified now, and what a read by the request's handler has
     // seen of it is told.
+    socket->Socket()->SyncRequeueMsgQueue();
     if (!socket->Socket()->AsyncSelect(platform::kFdAll)) return pvReport(pvFaultOf(socket->LastError()), true);
     m_closeWaits = socket->IsClosed();
     return pvPostAfterRead();

@@ -366,6 +366,24 @@ TEST_F(CtxWinsockTest, AcceptedAfterARead) {
   }
 }
 
+// The end that the read of the last byte has brought does not overtake what came before it.
+TEST_F(CtxWinsockTest, AcceptedAfterAReadOfExactlyEverything) {
+  std::string taken;
+  platform::Timer later(m_loop, std::chrono::milliseconds{5}, [&] {
+    later.SetEnabled(false);
+    PlainSend(m_peer, "abcdef");
+    m_peer.Close();
+  });
+  m_peer = Descriptor(PlainConnect(Listen(sockets::kProtocolTcp, [&] {
+    later.SetEnabled(true);
+    taken = m_server.Get(6);
+    Accept();
+  })));
+  ASSERT_TRUE(WaitFor(m_client, "Close"));
+  EXPECT_EQ(taken, "abcdef");
+  EXPECT_EQ(m_client.events, (Names{"Connect", "Close"}));
+}
+
 TEST_F(CtxWinsockTest, AcceptedByTheListenerItself) {
   const auto accept = [this] { m_server.control->Accept(m_server.request); };
   m_peer = Descriptor(PlainConnect(Listen(sockets::kProtocolTcp, accept)));
