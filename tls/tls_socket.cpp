@@ -114,7 +114,7 @@ void cTlsSocket::pvForgetConnection() {
   fresh.localCertificates = std::move(m_context.localCertificates);
   fresh.localPrivateKey = std::move(m_context.localPrivateKey);
   m_context = std::move(fresh);
-  m_established = m_readWaits = m_closeWaits = m_closeRaised = m_peerClosedCleanly = false;
+  m_established = m_readWaits = m_closeWaits = m_closeRaised = m_peerClosedCleanly = m_untold = false;
   m_transportError = m_firedEvents = 0;
   m_ending = {};
   m_validatedCertificate.clear();

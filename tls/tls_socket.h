@@ -208,7 +208,10 @@ class cTlsSocket : public std::enable_shared_from_this<cTlsSocket>,
   bool pvGoneSince(std::uint64_t generation) const;
   void pvRaiseEngineError(std::int32_t eventMask);
   void pvRaiseSendFailure(std::int32_t eventMask);
+  void pvRaiseTransportError(std::int32_t errorCode, std::int32_t eventMask);
   void pvRaiseClose();
+  // OnReceive, if it is due. False when the connection did not outlive it.
+  bool pvTellPlain();
   // False when the ending is an error, or the connection did not outlive it.
   bool pvRaiseEnding();
 
@@ -285,6 +288,7 @@ class cTlsSocket : public std::enable_shared_from_this<cTlsSocket>,
   std::int64_t m_lastSendBytes = 0;
   Bytes m_plain;                 // decrypted, for the owner
   std::size_t m_plainTaken = 0;  // bytes of it already handed out
+  bool m_untold = false;         // the owner has still to hear of some of it
   Bytes m_unsent;                // plaintext that waits for the end of the handshake or of the engine's work
   Bytes m_out;                   // records for the transport
   std::size_t m_sendPosition = 0;

@@ -50,7 +50,7 @@ void cTlsSocket::pvRaiseEngineError(std::int32_t eventMask) {
 }
 
 void cTlsSocket::pvRaiseSendFailure(std::int32_t eventMask) {
-  OnError(*m_oSocket, m_oSocket->LastError(), eventMask);
+  pvRaiseTransportError(m_oSocket->LastError(), eventMask);
 }
 
 void cTlsSocket::pvRaiseClose() {
@@ -59,8 +59,16 @@ void cTlsSocket::pvRaiseClose() {
   pvNotify(kFdClose, &TlsSocketEvents::OnClose);
 }
 
+// An event in a handler that waits may find plaintext that is to be told when that handler returns.
+bool cTlsSocket::pvTellPlain() {
+  if (!m_untold || pvPlainLength() == 0) return true;
+  m_untold = false;
+  return pvNotify(kFdRead, &TlsSocketEvents::OnReceive);
+}
+
 bool cTlsSocket::pvRaiseEnding() {
   if (!m_ending.pending) return true;
+  if (!pvTellPlain()) return false;
   const std::uint64_t generation = m_generation;
   const Ending ending = std::exchange(m_ending, {});
   if (ending.error) {
@@ -90,13 +98,22 @@ void cTlsSocket::OnMessagePending(cAsyncSocket& /*socket*/, bool& handled) {
 }
 
 void cTlsSocket::OnError(cAsyncSocket& /*socket*/, std::int32_t errorCode, std::int32_t eventMask) {
-  if (m_useTls) {
-    m_transportError = errorCode;
-    if ((eventMask & kFdClose) != 0) TlsClose(m_context);
-    if (m_waits > 0) m_oSocket->SyncCancelWait();
-    // A peer that has said good-bye may answer this side's with a reset. The owner has been told of the end.
-    if (m_closeRaised) return;
-  }
+  if (!m_useTls) return pvRaise(&TlsSocketEvents::OnError, errorCode, eventMask);
+  const Keep keep(*this, 1);
+  pvRaiseTransportError(errorCode, eventMask);
+}
+
+void cTlsSocket::pvRaiseTransportError(std::int32_t errorCode, std::int32_t eventMask) {
+  m_transportError = errorCode;
+  if ((eventMask & kFdClose) != 0) TlsClose(m_context);
+  if (m_waits > 0) m_oSocket->SyncCancelWait();
+  // A peer that has said good-bye may answer this side's with a reset. The owner is told of the end only.
+  const bool ended = m_closeRaised || m_ending.close;
+  const std::uint64_t generation = m_generation;
+  if (!pvTellPlain()) return;
+  pvRaiseEnding();
+  if (ended || pvGoneSince(generation)) return;
+  m_oSocket->SetLastError(errorCode);
   pvRaise(&TlsSocketEvents::OnError, errorCode, eventMask);
 }
 
@@ -231,11 +248,12 @@ bool cTlsSocket::pvOnReceive(Reader reader) {
     step = TlsIsReady(m_context) ? pvReceiveStep(input, reader) : pvHandshakeStep(input, reader);
     if (step == Step::kGone || pvGoneSince(generation)) return false;
   }
-  const bool grew = pvPlainLength() > before;
   if (reader == Reader::kOwner) {
     // The owner is about to get the data; what ended the connection is told behind it.
+    m_untold = false;
+    const bool grew = pvPlainLength() > before;
     if (grew && m_ending.pending && m_oSocket->PostEvent(sockets::kForcedRead)) return true;
-  } else if (grew && !pvNotify(kFdRead, &TlsSocketEvents::OnReceive)) {
+  } else if (!pvTellPlain()) {
     return false;
   }
   return pvRaiseEnding() && transportGood;
@@ -260,8 +278,10 @@ void cTlsSocket::pvNoteSendFailure() {
 
 cTlsSocket::Step cTlsSocket::pvReceiveStep(BytesView input, Reader reader) {
   const std::uint64_t generation = m_generation;
+  const std::size_t before = pvPlainLength();
   const bool good = TlsReceive(m_context, input, m_plain, m_out);  // may ask the owner for a certificate
   if (pvGoneSince(generation)) return Step::kGone;
+  m_untold |= pvPlainLength() > before;
   pvNoteEnding(good, false);
   if (!pvSealUnsent()) pvNoteEnding(false, false);
   if (!pvOnSend()) pvNoteSendFailure();
@@ -364,7 +384,7 @@ bool cTlsSocket::pvFinishHandshake() {
   }
   m_established = true;
   // Behind the end of the connection nothing else would hand it out to a handler that reads.
-  if (!m_context.decrypted.empty()) (void)TlsReceive(m_context, {}, m_plain, m_out);
+  if (!m_context.decrypted.empty()) m_untold = TlsReceive(m_context, {}, m_plain, m_out);
   if (!pvSealUnsent()) {
     pvRaiseEngineError(kFdWrite);
     return false;
@@ -375,7 +395,7 @@ bool cTlsSocket::pvFinishHandshake() {
   }
   if (!first) return true;
   return pvNotify(kFdConnect, &TlsSocketEvents::OnConnect) &&
-         (m_isServer || pvNotify(kFdWrite, &TlsSocketEvents::OnSend));
+         (m_isServer || m_closeRaised || pvNotify(kFdWrite, &TlsSocketEvents::OnSend));
 }
 
 }  // namespace quenmark::tls

@@ -205,7 +205,7 @@ class TlsSocketFixture {
     m_owner->events.clear();
   }
   // Of a peer that holds back: the last message of its handshake, the text and its close_notify come in one read.
-  void PeerFinishesAndEnds(std::string_view text) {
+  void PeerFinishesAndEnds(std::string_view text, bool cleanly = true) {
     for (const tls::State expected : {tls::State::kExpectServerHello, tls::State::kExpectServerFinished}) {
       m_peer->ssl.Run();
       m_peer->Flush();
@@ -214,7 +214,8 @@ class TlsSocketFixture {
       m_peer->Read();
     }
     m_peer->ssl.Send(View(text));
-    m_peer->CloseNotify();
+    if (cleanly) m_peer->CloseNotify();
+    m_peer->Flush();
   }
   std::string PeerText() const { return Text(m_peer->ssl.plaintext); }
 

@@ -598,5 +598,29 @@ TEST_P(TlsSocketTest, DataBehindTheHandshakeIsThereInOnConnectAlsoBeforeAnEnd) {
   }
 }
 
+// The handler of OnConnect lets the loop run, and the connection ends meanwhile.
+TEST_P(TlsSocketTest, DataBehindTheHandshakeIsToldBeforeAnEndThatAHandlerOfOnConnectWaitsThrough) {
+  if (GetParam() != TLS1_2_VERSION) return;
+  for (const bool cleanly : {false, true}) {
+    SCOPED_TRACE(cleanly);
+    const int port = Serve(ServerOptions());
+    m_peer->holdsBack = true;
+    m_owner->events.clear();
+    m_owner->act = [&](cTlsSocket&, const std::string& event) {
+      if (event != "OnConnect") return;
+      m_listener.Close();
+      m_peer->descriptor.Close();
+      Settle();
+    };
+    m_socket = NewSocket();
+    ASSERT_TRUE(m_socket->Connect("127.0.0.1", port));
+    PeerFinishesAndEnds("hello", cleanly);
+    ASSERT_TRUE(WaitFor("OnClose 0"));
+    Settle();
+    EXPECT_THAT(m_owner->events, testing::ElementsAre("OnConnect", "OnReceive", "OnClose 0"));
+    EXPECT_EQ(std::exchange(m_owner->received, {}), "hello");
+  }
+}
+
 }  // namespace
 }  // namespace quenmark::test
