@@ -389,10 +389,7 @@ bool cTlsSocket::pvFinishHandshake() {
     pvRaiseEngineError(kFdWrite);
     return false;
   }
-  if (!pvOnSend() && !m_ending.pending) {
-    pvRaiseSendFailure(kFdWrite);
-    return false;
-  }
+  if (!pvOnSend()) pvNoteSendFailure();
   if (!first) return true;
   return pvNotify(kFdConnect, &TlsSocketEvents::OnConnect) &&
          (m_isServer || m_closeRaised || pvNotify(kFdWrite, &TlsSocketEvents::OnSend));

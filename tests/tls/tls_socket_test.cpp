@@ -622,5 +622,22 @@ TEST_P(TlsSocketTest, DataBehindTheHandshakeIsToldBeforeAnEndThatAHandlerOfOnCon
   }
 }
 
+// What the owner had given is refused by then, and the peer's data is there all the same.
+TEST_P(TlsSocketTest, DataBehindTheHandshakeOfAPeerThatResetsIsTold) {
+  if (GetParam() != TLS1_2_VERSION) return;
+  const int port = Serve(ServerOptions());
+  m_peer->holdsBack = true;
+  m_socket = NewSocket();
+  ASSERT_TRUE(m_socket->Connect("127.0.0.1", port));
+  ASSERT_TRUE(Wait([&] { return m_socket->Engine().state == tls::State::kExpectServerHello; }));
+  ASSERT_TRUE(m_socket->SendText("early"));
+  PeerFinishesAndEnds("hello", false);
+  PlainReset(m_peer->descriptor);
+  ASSERT_TRUE(WaitFor("OnError 2746 32"));
+  EXPECT_THAT(m_owner->events,
+              testing::ElementsAre("OnConnect", "OnSend", "OnReceive", "OnError 2746 1", "OnError 2746 32"));
+  EXPECT_EQ(m_owner->received, "hello");
+}
+
 }  // namespace
 }  // namespace quenmark::test
