@@ -266,6 +266,7 @@ void WebsocketState::OnTransportError(std::int32_t errorCode, std::int32_t event
                                               m_transport->GetErrorDescription(errorCode));
   if (!DeliverBeforeTheEnd()) return;
   readyState = kStateClosing;
+  if (m_transport->IsClosed()) return EndWith(m_events.OnError, kSocketError, description);
   if (!RaiseError(kSocketError, description)) return;
   // A close frame that cannot be sent does not call for another one.
   if (m_transport->IsClosed() || m_sendingClose) {
@@ -278,13 +279,13 @@ void WebsocketState::OnTransportError(std::int32_t errorCode, std::int32_t event
 void WebsocketState::OnTransportClose() {
   if (!DeliverBeforeTheEnd()) return;
   readyState = kStateClosed;
-  if (RaiseNormalClose()) CloseSocket();
+  EndWith(m_events.OnClose, kNormalClosure, CodeText(kNormalClosure));
 }
 
 void WebsocketState::Disconnect() {
   if (readyState != kStateClosed) readyState = kStateClosing;
   if (m_transport->IsClosed() && m_transport->HasSocket()) {
-    if (RaiseNormalClose()) CloseSocket();
+    EndWith(m_events.OnClose, kNormalClosure, CodeText(kNormalClosure));
     return;
   }
   const std::uint64_t connection = m_connection;

@@ -88,7 +88,6 @@ class WebsocketState : public std::enable_shared_from_this<WebsocketState> {
     m_sink.reset();
     if (Raise(handler, code, text)) CloseSocket();
   }
-  bool RaiseNormalClose() { return RaiseClose(kNormalClosure, CodeText(kNormalClosure)); }
 
   // websocket_connect.cpp
   void Reset();

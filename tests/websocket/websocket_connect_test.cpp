@@ -346,5 +346,31 @@ TEST_F(WebsocketConnect, AnEndIsToldOnceAlsoWhenItsHandlerWaits) {
   }
 }
 
+// A TLS engine that has ended, while the transport below lives on and ends within the handler.
+TEST_F(WebsocketConnect, AnEndOfTheEngineIsToldOnceAlsoWhenItsHandlerWaits) {
+  const struct {
+    const char* name;
+    std::function<void()> cause;
+    const char* told;
+  } rows[] = {
+      {"the owner disconnects", [&] { socket->Disconnect(); }, "close 1000 Normal Closure."},
+      {"a fault of the engine", [&] { Wire().Raise([](auto& events) { events.OnError(10061, 1); }); },
+       "error 1016 Event Type: Recieve/Read 10061:  Description: Connection refused."},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    Open();
+    Wire().closed = true;
+    onEvent = [&](const std::string&) {
+      if (log.size() < 3) Wire().Raise([](auto& events) { events.OnClose(); });
+    };
+    row.cause();
+    EXPECT_THAT(log, ElementsAre(row.told));
+    EXPECT_EQ(socket->readyState(), 0);
+    EXPECT_FALSE(Wire().hasSocket);
+    onEvent = nullptr;
+  }
+}
+
 }  // namespace
 }  // namespace quenmark::test
