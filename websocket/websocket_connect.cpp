@@ -285,8 +285,8 @@ void WebsocketState::OnTransportClose() {
 void WebsocketState::Disconnect() {
   if (readyState != kStateClosed) readyState = kStateClosing;
   if (m_transport->IsClosed() && m_transport->HasSocket()) {
-    EndWith(m_events.OnClose, kNormalClosure, CodeText(kNormalClosure));
-    return;
+    if (!m_sink) return CloseSocket();  // the owner is being told
+    return EndWith(m_events.OnClose, kNormalClosure, CodeText(kNormalClosure));
   }
   const std::uint64_t connection = m_connection;
   const bool nested = std::exchange(m_sendingClose, true);

@@ -372,5 +372,29 @@ TEST_F(WebsocketConnect, AnEndOfTheEngineIsToldOnceAlsoWhenItsHandlerWaits) {
   }
 }
 
+// The owner tidies up in the handler of the end; the transport below the TLS engine lives on.
+TEST_F(WebsocketConnect, DisconnectInAHandlerOfTheEndTellsNoOther) {
+  const std::string rows[] = {"the server's close_notify", "a close frame", "Disconnect"};
+  for (const std::string& row : rows) {
+    SCOPED_TRACE(row);
+    Open();
+    Wire().closed = true;
+    onEvent = [&](const std::string&) {
+      if (log.size() < 3) socket->Disconnect();
+    };
+    if (row == "Disconnect") {
+      socket->Disconnect();
+    } else if (row == "a close frame") {
+      Wire().Deliver(ServerFrame(0x88, ""));
+    } else {
+      Wire().Raise([](auto& events) { events.OnClose(); });
+    }
+    EXPECT_THAT(log, ElementsAre("close 1000 Normal Closure."));
+    EXPECT_EQ(socket->readyState(), 0);
+    EXPECT_FALSE(Wire().hasSocket);
+    onEvent = nullptr;
+  }
+}
+
 }  // namespace
 }  // namespace quenmark::test
