@@ -201,8 +201,12 @@ bool WebsocketState::CollectAndValidate() {
   const std::uint64_t connection = m_connection;
   m_answered = true;
   const bool goesOn = ApplyAnswer(std::move(verdict));
-  if (m_connection == connection) m_answered = false;
-  return goesOn;
+  if (m_connection != connection) return goesOn;
+  m_answered = false;
+  const auto end = std::exchange(m_heldEnd, nullptr);
+  if (!end) return goesOn;
+  if (m_sink) end();
+  return false;
 }
 
 bool WebsocketState::ApplyAnswer(AnswerVerdict verdict) {
@@ -262,6 +266,10 @@ bool WebsocketState::Redirect(const std::string& location) {
 }
 
 void WebsocketState::OnTransportError(std::int32_t errorCode, std::int32_t eventMask) {
+  if (HoldsEnds()) {
+    m_heldEnd = [this, errorCode, eventMask] { OnTransportError(errorCode, eventMask); };
+    return;
+  }
   const std::string description = fmt::format("{} {}:  Description: {}", EventText(eventMask), errorCode,
                                               m_transport->GetErrorDescription(errorCode));
   if (!DeliverBeforeTheEnd()) return;
@@ -277,6 +285,10 @@ void WebsocketState::OnTransportError(std::int32_t errorCode, std::int32_t event
 }
 
 void WebsocketState::OnTransportClose() {
+  if (HoldsEnds()) {
+    m_heldEnd = [this] { OnTransportClose(); };
+    return;
+  }
   if (!DeliverBeforeTheEnd()) return;
   readyState = kStateClosed;
   EndWith(m_events.OnClose, kNormalClosure, CodeText(kNormalClosure));

@@ -52,6 +52,7 @@ void WebsocketState::ForgetReceived() {
   m_received.Clear();
   m_assembly = Assembly();
   m_unansweredPing.reset();
+  m_heldEnd = nullptr;
 }
 
 void WebsocketState::ReceivePass() {

@@ -5,6 +5,7 @@
 #include "websocket/status_texts.h"
 #include "websocket/websocket.h"
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -96,6 +97,7 @@ class WebsocketState : public std::enable_shared_from_this<WebsocketState> {
   void Open();
   void FailConnect(const std::string& description);
   bool CollectAndValidate();
+  bool HoldsEnds() const { return m_answered && readyState == kStateConnecting; }
   bool ApplyAnswer(AnswerVerdict verdict);
   bool AcceptUpgrade(AnswerVerdict& verdict);
   bool Redirect(const std::string& location);
@@ -135,6 +137,7 @@ class WebsocketState : public std::enable_shared_from_this<WebsocketState> {
   std::shared_ptr<Transport> m_transport;
   std::uint64_t m_connection = 0;  // changes whenever another connection begins or everything is reset
   bool m_answered = false;         // the answer is being acted on: what comes while its handlers wait is kept for later
+  std::function<void()> m_heldEnd;  // the end of the transport, when that came meanwhile
   bool m_closing = false;
   bool m_dropped = false;
   bool m_sendingClose = false;

@@ -396,5 +396,48 @@ TEST_F(WebsocketConnect, DisconnectInAHandlerOfTheEndTellsNoOther) {
   }
 }
 
+// While a handler of the answer waits, the server sends what it has and ends.
+TEST_F(WebsocketConnect, AnEndIsTakenUpBehindTheAnswer) {
+  const struct {
+    const char* name;
+    std::string answer;  // empty: accepted
+    bool broken;
+    std::vector<std::string> told;
+  } rows[] = {
+      {"accepted without compression",
+       "",
+       false,
+       {"error 1010 The server does not support deflate compression. Data will be sent uncompressed.",
+        "connect host  80", "message 1 last words", "close 1000 Normal Closure."}},
+      {"the same, then a reset",
+       "",
+       true,
+       {"error 1010 The server does not support deflate compression. Data will be sent uncompressed.",
+        "connect host  80", "message 1 last words", "error 1016 Event Type: Close 10054:  Description: "}},
+      {"a redirect", "HTTP/1.1 302 Found\r\nLocation: ws://there/\r\n\r\n", false, {"reconnect ws://there/"}},
+      {"a refusal",
+       "HTTP/1.1 404 None\r\n\r\n",
+       false,
+       {"error 1002 404: Resource Not Found.", "close 1000 Normal Closure."}},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    socket->SetUseCompression(true);
+    socket->Connect("ws://host/");
+    MemoryTransport& wire = Wire();
+    wire.Establish();
+    log.clear();
+    const std::string answer = row.answer.empty() ? UpgradeAnswer(wire.TakeSent()) : row.answer;
+    onEvent = [&](const std::string&) {
+      if (log.size() > 1) return;
+      if (row.answer.empty()) wire.Deliver(ServerFrame(0x81, "last words"));
+      wire.Raise([&](auto& events) { row.broken ? events.OnError(10054, 32) : events.OnClose(); });
+    };
+    wire.Deliver(answer);
+    EXPECT_EQ(log, row.told);
+    onEvent = nullptr;
+  }
+}
+
 }  // namespace
 }  // namespace quenmark::test
