@@ -68,7 +68,8 @@ bool cTlsSocket::pvTellPlain() {
 
 bool cTlsSocket::pvRaiseEnding() {
   if (!m_ending.pending) return true;
-  if (!pvTellPlain()) return false;
+  if (SocketHandle() == platform::kInvalidSocket) m_ending = {};
+  if (!m_ending.pending || !pvTellPlain()) return false;
   const std::uint64_t generation = m_generation;
   const Ending ending = std::exchange(m_ending, {});
   if (ending.error) {

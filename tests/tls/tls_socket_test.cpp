@@ -4,6 +4,8 @@
 #include "tests/tls/tls_socket_fixture.h"
 
 #include <gmock/gmock.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 
 namespace quenmark::test {
 namespace {
@@ -637,6 +639,28 @@ TEST_P(TlsSocketTest, DataBehindTheHandshakeOfAPeerThatResetsIsTold) {
   EXPECT_THAT(m_owner->events,
               testing::ElementsAre("OnConnect", "OnSend", "OnReceive", "OnError 2746 1", "OnError 2746 32"));
   EXPECT_EQ(m_owner->received, "hello");
+}
+
+// The owner closes the transport in the handler of data behind which a fault waits to be told: the answer to a request
+// for new keys was refused.
+TEST_P(TlsSocketTest, NothingIsToldOfATransportThatTheOwnerHasClosed) {
+  if (GetParam() != TLS1_3_VERSION) return;
+  ConnectPair();
+  const int on = 1;
+  setsockopt(m_peer->descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+  Settle();
+  SSL* peer = m_peer->ssl.Handle();
+  m_owner->act = [](cTlsSocket& socket, const std::string&) { socket.Socket()->Close_(); };
+  m_peer->holdsBack = true;
+  ASSERT_EQ(SSL_key_update(peer, SSL_KEY_UPDATE_REQUESTED), 1);
+  SSL_do_handshake(peer);
+  m_peer->ssl.Send(View("data"));
+  m_peer->Flush();
+  PlainReset(m_peer->descriptor);
+  ASSERT_TRUE(WaitFor("OnReceive"));
+  tls::Bytes data;
+  EXPECT_FALSE(m_socket->ReceiveArray(data));
+  EXPECT_EQ(m_owner->events, Events{"OnReceive"});
 }
 
 }  // namespace
