@@ -68,7 +68,7 @@ bool cTlsSocket::pvTellPlain() {
 
 bool cTlsSocket::pvRaiseEnding() {
   if (!m_ending.pending) return true;
-  if (SocketHandle() == platform::kInvalidSocket) m_ending = {};
+  if (pvGoneSince(m_generation)) m_ending = {};
   if (!m_ending.pending || !pvTellPlain()) return false;
   const std::uint64_t generation = m_generation;
   const Ending ending = std::exchange(m_ending, {});

@@ -663,5 +663,29 @@ TEST_P(TlsSocketTest, NothingIsToldOfATransportThatTheOwnerHasClosed) {
   EXPECT_EQ(m_owner->events, Events{"OnReceive"});
 }
 
+// The handler of OnConnect waits; within it the socket is dropped in the handler of data that a bad record follows.
+TEST_P(TlsSocketTest, NothingIsToldOfADroppedSocketThatAHandlerKeeps) {
+  m_owner->act = [&](cTlsSocket&, const std::string& event) {
+    if (event == "OnReceive") m_socket.reset();
+    if (event != "OnConnect") return;
+    ASSERT_TRUE(Wait([&] { return m_peer->ssl.Ready(); }));
+    m_peer->ssl.Send(View("good"));
+    m_peer->ssl.Send(View("bad"));
+    tls::Bytes records = m_peer->ssl.TakeOutput();
+    records.back() ^= 1;
+    PlainSend(m_peer->descriptor, {reinterpret_cast<const char*>(records.data()), records.size()});
+    ASSERT_TRUE(WaitFor("OnReceive"));
+    m_listener.Close();
+    m_peer->descriptor.Close();
+    Settle();
+  };
+  const int port = Serve(ServerOptions());
+  m_socket = NewSocket();
+  ASSERT_TRUE(m_socket->Connect("127.0.0.1", port));
+  ASSERT_TRUE(WaitFor("OnReceive"));
+  Settle();
+  EXPECT_EQ(m_owner->events, (Events{"OnConnect", "OnReceive"}));
+}
+
 }  // namespace
 }  // namespace quenmark::test
