@@ -93,8 +93,7 @@ class TlsSocketFaults : public testing::TestWithParam<int>, protected TlsSocketF
   std::int32_t m_result = 0;
 };
 
-INSTANTIATE_TEST_SUITE_P(Versions, TlsSocketFaults, testing::Values(TLS1_2_VERSION, TLS1_3_VERSION),
-                         [](const auto& version) { return version.param == TLS1_2_VERSION ? "Tls12" : "Tls13"; });
+INSTANTIATE_TEST_SUITE_P(Versions, TlsSocketFaults, kBothVersions, VersionName);
 
 TEST_P(TlsSocketFaults, Client) {
   RunAll([&] {

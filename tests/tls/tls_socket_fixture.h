@@ -230,4 +230,18 @@ class TlsSocketFixture {
   platform::Timer m_pump{m_loop, milliseconds{1}, [this] { Pump(); }};
 };
 
+// The same against servers of one version after the other.
+class VersionedTlsSocket : public testing::TestWithParam<int>, protected TlsSocketFixture {
+ protected:
+  static PeerOptions ServerOptions() {
+    return {.server = true, .identity = &IdentityOf(KeyKind::kP256), .version = GetParam()};
+  }
+  void ConnectPair(std::uint32_t features = 0) { TlsSocketFixture::ConnectPair(ServerOptions(), features); }
+};
+
+inline const auto kBothVersions = testing::Values(TLS1_2_VERSION, TLS1_3_VERSION);
+inline std::string VersionName(const testing::TestParamInfo<int>& version) {
+  return version.param == TLS1_2_VERSION ? "Tls12" : "Tls13";
+}
+
 }  // namespace quenmark::test
