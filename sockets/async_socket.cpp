@@ -262,8 +262,7 @@ bool cAsyncSocket::pvDestination(std::string_view hostAddress, std::int32_t host
 
 bool cAsyncSocket::AsyncSelect(std::int32_t eventMask) {
   if (!pvHasHandle()) return false;
-  const std::uint32_t message = kMessageFirstSocket + static_cast<std::uint32_t>(m_slot);
-  return pvResult(m_helper->Notifier().Select(m_handle, m_helper->Window(), message, eventMask));
+  return pvResult(m_helper->Notifier().Select(m_handle, m_helper->Window(), SocketMessage(m_slot), eventMask));
 }
 
 bool cAsyncSocket::IOCtl(std::int32_t command, std::int32_t& argument) {

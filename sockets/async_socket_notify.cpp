@@ -136,7 +136,7 @@ cAsyncSocket::Wait::~Wait() {
 void cAsyncSocket::SyncRequeueMsgQueue() {
   if (m_pendingEvents.empty()) return;
   std::vector<Message> since;
-  const std::uint32_t number = kMessageFirstSocket + static_cast<std::uint32_t>(m_slot);
+  const std::uint32_t number = SocketMessage(m_slot);
   m_helper->Loop().RemoveMessages(m_helper->Window(), [&](const Message& message) {
     if (message.number != number) return false;
     since.push_back(message);
@@ -177,7 +177,7 @@ std::int32_t cAsyncSocket::pvWait(Wait& wait, MonotonicTime deadline, std::int32
   platform::MessageLoop& loop = m_helper->Loop();
   bool leftStanding = false;
   for (bool yield = true;;) {
-    yield |= pvTakeMessage(kMessageFirstSocket + static_cast<std::uint32_t>(m_slot));
+    yield |= pvTakeMessage(SocketMessage(m_slot));
     if ((wait.arrived & eventMask) != 0) return 0;
     if ((wait.arrived & kFdClose) != 0) return platform::kWsaNotConnected;
     yield |= pvTakeMessage(kMessageResolved);

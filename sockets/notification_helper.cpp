@@ -69,7 +69,7 @@ std::int32_t NotificationHelper::Register(const std::shared_ptr<cAsyncSocket>& s
 void NotificationHelper::Unregister(std::int32_t slot) {
   m_table[static_cast<std::size_t>(slot)] = {};
   --m_registered;
-  const std::uint32_t number = kMessageFirstSocket + static_cast<std::uint32_t>(slot);
+  const std::uint32_t number = SocketMessage(slot);
   m_loop.RemoveMessages(m_window, [number](const Message& message) { return message.number == number; });
   for (NotifyRecord& record : m_ring) {
     if (record.number == number) record.number = 0;
@@ -79,8 +79,8 @@ void NotificationHelper::Unregister(std::int32_t slot) {
 // --- Notifications ---------------------------------------------------------------------------------------------------
 
 bool NotificationHelper::Post(std::int32_t slot, std::int32_t wParam, std::int32_t lParam) {
-  return m_loop.Post({m_window, kMessageFirstSocket + static_cast<std::uint32_t>(slot),
-                      static_cast<std::uintptr_t>(static_cast<std::uint32_t>(wParam)), lParam});
+  return m_loop.Post(
+      {m_window, SocketMessage(slot), static_cast<std::uintptr_t>(static_cast<std::uint32_t>(wParam)), lParam});
 }
 
 void NotificationHelper::pvOnMessage(const Message& message) {

@@ -21,6 +21,10 @@ class cAsyncSocket;
 inline constexpr std::uint32_t kMessageResolved = platform::kMessageUser + 1;
 inline constexpr std::uint32_t kMessageFirstSocket = platform::kMessageUser + 2;  // plus the slot
 inline constexpr std::uint32_t kMessageLast = 0xBFFF;
+// The message number of the socket in `slot`.
+constexpr std::uint32_t SocketMessage(std::int32_t slot) {
+  return kMessageFirstSocket + static_cast<std::uint32_t>(slot);
+}
 inline constexpr std::int32_t kFirstTableSize = 512;
 inline constexpr std::int32_t kLargestTableSize = 48126;  // slots; the last one's message is kMessageLast
 

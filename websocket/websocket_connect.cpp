@@ -221,7 +221,7 @@ bool WebsocketState::ApplyAnswer(AnswerVerdict verdict) {
       if (RaiseError(verdict.code, verdict.description)) Disconnect();
       return true;
     case Kind::kProxy:
-      if (RaiseClose(verdict.code, verdict.description)) Disconnect();
+      if (Raise(m_events.OnClose, verdict.code, verdict.description)) Disconnect();
       return true;
     case Kind::kFailedCheck:
       readyState = kStateClosing;
@@ -291,14 +291,14 @@ void WebsocketState::OnTransportClose() {
   }
   if (!DeliverBeforeTheEnd()) return;
   readyState = kStateClosed;
-  EndWith(m_events.OnClose, kNormalClosure, CodeText(kNormalClosure));
+  EndNormally();
 }
 
 void WebsocketState::Disconnect() {
   if (readyState != kStateClosed) readyState = kStateClosing;
   if (m_transport->IsClosed() && m_transport->HasSocket()) {
     if (!m_sink) return CloseSocket();  // the owner is being told
-    return EndWith(m_events.OnClose, kNormalClosure, CodeText(kNormalClosure));
+    return EndNormally();
   }
   const std::uint64_t connection = m_connection;
   const bool nested = std::exchange(m_sendingClose, true);

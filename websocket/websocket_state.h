@@ -81,7 +81,6 @@ class WebsocketState : public std::enable_shared_from_this<WebsocketState> {
   bool RaiseError(std::int32_t code, const std::string& description) {
     return Raise(m_events.OnError, code, description);
   }
-  bool RaiseClose(std::int32_t code, const std::string& reason) { return Raise(m_events.OnClose, code, reason); }
   // The last event of a connection that this side then closes: what the server does while the handler waits is not
   // heard.
   template <typename Handler>
@@ -89,6 +88,7 @@ class WebsocketState : public std::enable_shared_from_this<WebsocketState> {
     m_sink.reset();
     if (Raise(handler, code, text)) CloseSocket();
   }
+  void EndNormally() { EndWith(m_events.OnClose, kNormalClosure, CodeText(kNormalClosure)); }
 
   // websocket_connect.cpp
   void Reset();

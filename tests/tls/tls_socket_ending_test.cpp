@@ -9,7 +9,16 @@
 namespace quenmark::test {
 namespace {
 
-class TlsSocketEnding : public VersionedTlsSocket {};
+class TlsSocketEnding : public VersionedTlsSocket {
+ protected:
+  void PeerSendsGoodAndBad() {
+    m_peer->ssl.Send(View("good"));
+    m_peer->ssl.Send(View("bad"));
+    tls::Bytes records = m_peer->ssl.TakeOutput();
+    records.back() ^= 1;
+    PlainSend(m_peer->descriptor, {reinterpret_cast<const char*>(records.data()), records.size()});
+  }
+};
 
 INSTANTIATE_TEST_SUITE_P(Versions, TlsSocketEnding, kBothVersions, VersionName);
 
@@ -52,11 +61,7 @@ TEST_P(TlsSocketEnding, EndWithoutCloseNotifyAndWithinARecord) {
 
 TEST_P(TlsSocketEnding, DamagedRecordIsAnErrorBehindWhatWasGood) {
   ConnectPair();
-  m_peer->ssl.Send(View("good"));
-  m_peer->ssl.Send(View("bad"));
-  tls::Bytes records = m_peer->ssl.TakeOutput();
-  records.back() ^= 1;
-  PlainSend(m_peer->descriptor, {reinterpret_cast<const char*>(records.data()), records.size()});
+  PeerSendsGoodAndBad();
   ASSERT_TRUE(WaitFor("OnError 80040000 1"));
   EXPECT_EQ(m_owner->events, (Events{"OnReceive", "OnError 80040000 1"}));
   EXPECT_EQ(m_owner->received, "good");
@@ -274,11 +279,7 @@ TEST_P(TlsSocketEnding, NothingIsToldOfADroppedSocketThatAHandlerKeeps) {
     if (event == "OnReceive") m_socket.reset();
     if (event != "OnConnect") return;
     ASSERT_TRUE(Wait([&] { return m_peer->ssl.Ready(); }));
-    m_peer->ssl.Send(View("good"));
-    m_peer->ssl.Send(View("bad"));
-    tls::Bytes records = m_peer->ssl.TakeOutput();
-    records.back() ^= 1;
-    PlainSend(m_peer->descriptor, {reinterpret_cast<const char*>(records.data()), records.size()});
+    PeerSendsGoodAndBad();
     ASSERT_TRUE(WaitFor("OnReceive"));
     m_listener.Close();
     m_peer->descriptor.Close();

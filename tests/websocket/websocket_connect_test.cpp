@@ -10,7 +10,14 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
 
-class WebsocketConnect : public WebsocketFixture {};
+class WebsocketConnect : public WebsocketFixture {
+ protected:
+  void ExpectEnded() {
+    EXPECT_EQ(socket->readyState(), 0);
+    EXPECT_FALSE(Wire().hasSocket);
+    onEvent = nullptr;
+  }
+};
 
 const std::string kBadAddress = "Invalid Connection Data or URL Parsing Error.";
 
@@ -340,9 +347,7 @@ TEST_F(WebsocketConnect, AnEndIsToldOnceAlsoWhenItsHandlerWaits) {
     };
     Wire().Deliver(row.cause);
     EXPECT_EQ(log.size(), 1u) << testing::PrintToString(log);
-    EXPECT_EQ(socket->readyState(), 0);
-    EXPECT_FALSE(Wire().hasSocket);
-    onEvent = nullptr;
+    ExpectEnded();
   }
 }
 
@@ -366,9 +371,7 @@ TEST_F(WebsocketConnect, AnEndOfTheEngineIsToldOnceAlsoWhenItsHandlerWaits) {
     };
     row.cause();
     EXPECT_THAT(log, ElementsAre(row.told));
-    EXPECT_EQ(socket->readyState(), 0);
-    EXPECT_FALSE(Wire().hasSocket);
-    onEvent = nullptr;
+    ExpectEnded();
   }
 }
 
@@ -390,9 +393,7 @@ TEST_F(WebsocketConnect, DisconnectInAHandlerOfTheEndTellsNoOther) {
       Wire().Raise([](auto& events) { events.OnClose(); });
     }
     EXPECT_THAT(log, ElementsAre("close 1000 Normal Closure."));
-    EXPECT_EQ(socket->readyState(), 0);
-    EXPECT_FALSE(Wire().hasSocket);
-    onEvent = nullptr;
+    ExpectEnded();
   }
 }
 
